@@ -3,16 +3,7 @@
 #include <string>
 #include <vector>
 
-// The identity of the device, as sent to the enrollment server and put into the CSR.
-struct DeviceInfo {
-    std::string serial;
-    std::string model;
-    std::string brand;
-    std::string userSerial;
-    std::string boardSerial;
-    std::string systemSerial;
-    std::string chassisSerial;
-};
+#include "DeviceInfo.h"
 
 // The configuration of the enroller, merged from options, branding and system.
 struct EnrollerInfo {
