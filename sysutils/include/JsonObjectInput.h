@@ -1,0 +1,91 @@
+#pragma once
+
+#include <json-glib/json-glib.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "GLibPtr.h"
+
+// json-glib's parser recurses once per nesting level and overflows the stack on hostile
+// input, so documents nested deeper than this are refused before they are parsed.
+constexpr unsigned kJsonMaxNesting = 512;
+
+// Drop-in replacements for json_parser_load_from_data / json_parser_load_from_file that
+// first refuse documents nested deeper than kJsonMaxNesting (a JSON_PARSER_ERROR).
+bool json_parser_load_data_checked(JsonParser* parser, const char* data, long length,
+                                   GError** error);
+bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError** error);
+
+// Maps a JSON document onto records. Wraps a JsonReader and keeps a stack of reading
+// contexts, one per entered object or array, with the member names or element count of
+// each, and the first error met. Nothing throws: every failure returns false and records a
+// message, and the caller decides from failed() whether the record can be trusted.
+//
+// Records are read with free functions `JsonObjectInput& operator>>(JsonObjectInput&, T&)`.
+class JsonObjectInput {
+  public:
+    JsonObjectInput(const char* data, long length);
+    explicit JsonObjectInput(const char* path);
+    // Reads a copy of `jroot`; the caller keeps its node.
+    explicit JsonObjectInput(JsonNode* jroot);
+    ~JsonObjectInput();
+    JsonObjectInput(const JsonObjectInput&) = delete;
+    JsonObjectInput& operator=(const JsonObjectInput&) = delete;
+
+    bool checkIsObject();
+    bool checkIsArray();
+    bool checkHasMember(const char* name, bool required);
+    bool checkHasElement(unsigned index, bool required);
+    // Member names of the current object (empty, with an error, when it is none).
+    const std::set<std::string>& getMembers();
+    // Element count of the current array (0, with an error, when it is none).
+    unsigned getArrayLength();
+
+    bool failed() const { return error != nullptr; }
+    // The first error message, or null while nothing failed.
+    const char* getError() const { return error.get(); }
+    // Records a GLib-allocated message, taking it over; only the first one is kept.
+    void addError(char* message);
+
+    // The underlying reader, positioned on the current node, for reads this class has no
+    // overload for (integers). Every read must be balanced with its end call.
+    JsonReader* getReader() const { return reader.get(); }
+
+    bool readMember(const char* name, std::string* out, bool required);
+    bool readMember(const char* name, bool* out, bool required);
+    bool readMember(const char* name, std::vector<unsigned char>* out, bool required);
+    // Base64 text that must decode to exactly `size` bytes.
+    bool readMember(const char* name, unsigned char* out, unsigned long size, bool required);
+    bool readMember(const char* name, GLibPtr<JsonNode>& out, bool required);
+
+    bool readElement(unsigned index, std::string* out, bool required);
+    bool readElement(unsigned index, GLibPtr<JsonNode>& out, bool required);
+
+    // Enter a child object or array; every successful open must be followed by the
+    // matching close, a failed one by none.
+    bool openMemberChild(const char* name, bool required);
+    bool openElementChild(unsigned index, bool required);
+    void closeMemberChild();
+    void closeElementChild();
+
+  private:
+    void start(JsonNode* parsed_root);
+    void pushContext(const std::string& suffix);
+    void popContext();
+    const char* currentTypeName();
+    bool enterMember(const char* name, bool required);
+    bool enterElement(unsigned index, bool required);
+    bool getRelativeNode(const std::string& suffix, GLibPtr<JsonNode>& out);
+
+    GLibPtr<JsonReader> reader;
+    GLibPtr<JsonNode> root;
+    std::unique_ptr<char, GFreeDeleter> error;
+    std::deque<std::set<std::string>> members;
+    std::deque<uint32_t> lengths;
+    std::deque<std::string> paths;
+};
