@@ -2,7 +2,11 @@
 
 #include <json-glib/json-glib.h>
 
+#include <memory>
+#include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 

@@ -125,7 +125,7 @@ bool EnrollerStatus::save() const {
     file.close();
 
     // The results below are what callers have always seen: true after a failed write,
-    // fsync or rename, false after a successful one. Nobody tests them.
+    // fsync or rename, false after a successful one. No caller looks at them.
     if (file.fail() || !fsync_file(tmpPath.c_str()) || rename(tmpPath.c_str(), path.c_str()) != 0) {
         g_warning("failed saving new enroller status to file %s", path.c_str());
         return true;
