@@ -1,0 +1,73 @@
+"""Fixtures of the black-box tests; the helpers themselves are in zeltest.py."""
+
+import pytest
+
+import zeltest
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "root: needs root (skipped otherwise)")
+
+
+def pytest_collection_modifyitems(items):
+    for item in items:
+        if item.get_closest_marker("root"):
+            item.add_marker(zeltest.requires_root)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def daemon_binary():
+    assert zeltest.DAEMON.is_file(), f"{zeltest.DAEMON} is not built (ZEL_BUILD_DIR?)"
+    return zeltest.DAEMON
+
+
+@pytest.fixture
+def sandbox():
+    """A Sandbox owned by the current user."""
+    box = zeltest.Sandbox()
+    yield box
+    box.cleanup()
+
+
+@pytest.fixture
+def nobody_sandbox():
+    """A Sandbox handed to the user nobody, for runs with --user nobody (root only)."""
+    if not zeltest.is_root():
+        pytest.skip("needs root")
+    box = zeltest.Sandbox(owner="nobody")
+    yield box
+    box.cleanup()
+
+
+@pytest.fixture
+def start_daemon():
+    """start_daemon(args, daemonize=False, env=None, mounts=None, pid_dir=None): a started
+    zeltest.Daemon. Every daemon started through it is stopped at the end of the test."""
+    daemons = []
+
+    def start(args, **kwargs):
+        daemon = zeltest.Daemon(args, **kwargs)
+        daemons.append(daemon)
+        return daemon.start()
+
+    yield start
+    for daemon in reversed(daemons):
+        daemon.cleanup()
+
+
+@pytest.fixture
+def identity(sandbox):
+    """identity(identifiers=None, cpuinfo=..., os_release=...): zeltest.IdentityFiles in
+    the sandbox; pass its `mounts` to start_daemon (root only)."""
+    if not zeltest.is_root():
+        pytest.skip("needs root")
+    made = []
+
+    def make(**kwargs):
+        files = zeltest.IdentityFiles(sandbox, **kwargs)
+        made.append(files)
+        return files
+
+    yield make
+    for files in made:
+        files.cleanup()
