@@ -249,20 +249,6 @@ TEST(CliOptsParse, BadCommandLinesAreRefused) {
     EXPECT_EQ(error, "Cannot parse integer value “x” for --timeout");
 }
 
-TEST(CliOptsParse, HelpHeaderIsTheParameterText) {
-    CliOpts opts;
-    const OptionContextPtr context = opts.option_context();
-    const std::unique_ptr<char, GFreeDeleter> help(
-        g_option_context_get_help(context.get(), TRUE, nullptr));
-    const std::string text = help.get();
-    EXPECT_NE(text.find("] ZEL device enroller\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("  -B, --base-url=URL      The base URL for enrollment requests, default "
-                        "is\n" +
-                        kIndent + "read from branding file.\n"),
-              std::string::npos)
-        << text;
-}
-
 TEST_F(CliOptsInfoTest, OptionsWinOverBrandingAndSystem) {
     EnrollerInfo info;
     ASSERT_TRUE(
