@@ -1,14 +1,37 @@
 #pragma once
 
+#include <gio/gio.h>
 #include <glib.h>
+#include <json-glib/json-glib.h>
 #include <libsoup/soup.h>
 
+#include <cstdint>
+#include <functional>
 #include <string>
 
 #include "EnrollerInfo.h"
+#include "EnrollerStatus.h"
+#include "GLibPtr.h"
 
+struct EnrollResponse;
+struct ErrorResponse;
+
+// The enrollment engine: talks to the enrollment server one request at a time, answers
+// each response status with the matching request, stores the delivered service and keeps
+// retrying until the device is enrolled. Everything runs on the main loop.
 class Enroller {
   public:
+    enum Request : int32_t {
+        REQUEST_NONE = 0,
+        REQUEST_INITIATE = 1,
+        REQUEST_DATA_AUTHENTICATE = 2,
+        REQUEST_DATA_VERIFY = 3,
+        REQUEST_CSR_VERIFY = 4,
+        REQUEST_ACKNOWLEDGE = 5,
+    };
+
+    static constexpr uint64_t MAX_RESPONSE_SIZE = 131072;
+
     Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session);
     ~Enroller();
     Enroller(const Enroller&) = delete;
@@ -17,4 +40,71 @@ class Enroller {
     // Brings the "_DISABLED" marker of the services directory in line with the
     // configuration; false after a logged failure.
     static bool update_fs_flags(const EnrollerInfo& info);
+
+    // Stores one service configuration as "<services dir>/<name>/service.json".
+    bool save_service_config(const char* name, GLibPtr<JsonNode> node, std::string* error);
+
+    // Forced re-enrollment; refused (false) while a request is in flight.
+    bool trigger();
+    // The network came back: start over at once unless a request is in flight.
+    void network_available();
+    // Called once per completed enrollment; a later call replaces the callback.
+    void register_enrolled_cb(std::function<void()> cb);
+
+    void log(const ErrorResponse& error) const;
+
+    const EnrollerInfo& get_info() const { return *info; }
+    const EnrollerStatus& get_status() const { return status; }
+    Request get_request() const { return request; }
+
+  private:
+    // HTTP layer
+    void send_request(Request kind, const std::string& body);
+    void req_response_cb(SoupSession* session, SoupMessage* msg);
+    void req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk);
+    void req_restarted_cb(SoupMessage* msg);
+    void req_redirect_cb(SoupMessage* msg);
+    void complete_acknowledge(SoupMessage* msg);
+    void handle_body(SoupMessage* msg);
+
+    // state machine
+    void initiate();
+    void handle_response(const EnrollResponse& rsp);
+    void handle_csr_required_req(const EnrollResponse& rsp);
+    void handle_auth_req(const EnrollResponse& rsp);
+    void handle_data_verify_req(const EnrollResponse& rsp);
+    void handle_csr_auth_required_req(const EnrollResponse& rsp);
+    void handle_enrolled_req(const EnrollResponse& rsp);
+    bool check_protocol(const EnrollResponse& rsp, const char* expected) const;
+    bool ensure_csr();
+
+    // retries and triggers
+    void schedule_retry(unsigned int delay);
+    int handle_retry_timeout();
+    void cancel_retry_timeout();
+    void on_network_changed(GObject* monitor, GParamSpec* pspec);
+    bool rpmb_rate_limit_reschedule();
+    void restart_soon();
+
+    // hardware proofs
+    bool open_rpmb();
+    bool open_tpm2();
+
+    // keys
+    void read_pubkey();
+    bool get_csr();
+
+    Request request = REQUEST_NONE;
+    uint64_t received = 0;
+    const EnrollerInfo* info;
+    EnrollerStatus status;
+    SoupSession* session;
+    std::string csrPem;
+    std::string publicKeyPem;
+    bool serviceSaved = false;
+    guint retrySource = 0;
+    gulong networkHandler = 0;
+    std::function<void()> enrolledCallback;
+    gint64 requestStart = 0;
+    double retryMultiplier = 1.0;
 };
