@@ -71,3 +71,31 @@ def identity(sandbox):
     yield make
     for files in made:
         files.cleanup()
+
+
+@pytest.fixture(scope="session")
+def ca(tmp_path_factory):
+    """The test CA of the reference server, shared by all tests."""
+    from enrollserver import TestCA
+    return TestCA(tmp_path_factory.mktemp("ca"))
+
+
+def _enroll_server(ca, **kwargs):
+    from enrollserver import EnrollServer
+    return EnrollServer(ca, **kwargs).start()
+
+
+@pytest.fixture
+def server(ca):
+    """A reference enrollment server on loopback (plain HTTP)."""
+    srv = _enroll_server(ca)
+    yield srv
+    srv.stop()
+
+
+@pytest.fixture
+def second_server(ca):
+    """Another one, on its own port and base path."""
+    srv = _enroll_server(ca, base_path="/v2/enroll")
+    yield srv
+    srv.stop()

@@ -1,0 +1,160 @@
+"""Full "noauth-csr" enrollments of the real daemon against the reference server."""
+
+import json
+import re
+import subprocess
+import time
+
+DONE = "enrollment completed successfully"
+
+
+def enroll(sandbox, start_daemon, server, *extra, **kwargs):
+    """A daemon started against `server` that has completed one enrollment."""
+    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **kwargs))
+    daemon.wait_for_message(DONE, timeout=15)
+    return daemon
+
+
+def stored_service(sandbox):
+    return json.loads((sandbox.services_dir / "aws-iot" / "service.json").read_text())
+
+
+def status(sandbox):
+    return json.loads(sandbox.status_file.read_text())
+
+
+def test_noauth_csr_enrollment(sandbox, start_daemon, server):
+    server.extra_services = {"other": {"endpoint": "other.example"}}
+    daemon = enroll(sandbox, start_daemon, server)
+
+    assert [r.path for r in server.requests] == [
+        "/enroll/initiate", "/enroll/CSRVerify", "/enroll/acknowledge"]
+    for record in server.requests:
+        assert record.headers["Content-Type"] == "application/json"
+        assert record.headers["User-Agent"].startswith("zelenrolld/1.0 libsoup/")
+
+    # The service is stored exactly as sent, pretty-printed, and its certificate is the one
+    # issued for the device key.
+    sent = server.sent_services[-1]["aws-iot"]
+    assert stored_service(sandbox) == sent
+    assert "\n  " in (sandbox.services_dir / "aws-iot" / "service.json").read_text()
+    cert = subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=sent["certificate"],
+                          capture_output=True, text=True, check=True).stdout
+    key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
+                         capture_output=True, text=True, check=True).stdout
+    assert cert == key
+
+    assert server.requests[-1].json["acknowledgedServices"] == {
+        "aws-iot": {"status": "saved"}, "other": {"status": "unknown"}}
+    state = status(sandbox)
+    assert state["enrolled"] is True and state["lastEnrollBaseURL"] == server.url
+    assert not (sandbox.services_dir / "other").exists()
+
+    # Enrolled: no retry is left armed.
+    time.sleep(2.5)
+    assert len(server.requests) == 3
+    assert daemon.stop() == 0
+
+
+def test_initiate_body(sandbox, start_daemon, server):
+    daemon = enroll(sandbox, start_daemon, server, "--user-serial=U1", "--chassis-serial=C4",
+                    "--protocol=noauth-csr", serial="SN-42", fwver="2.1.0")
+    body = server.requests[0].json
+    public_key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
+                                capture_output=True, text=True, check=True).stdout
+    assert body == {
+        "device": {"serial": "SN-42", "model": "MP-100", "brand": "Acme",
+                   "altSerial": {"user": "U1", "chassis": "C4"}},
+        "firmwareVersion": "2.1.0",
+        "enrollmentProtocols": ["noauth-csr"],
+        "publicKey": public_key,
+        "enrollService": "aws-iot",
+    }
+    assert list(body) == ["device", "firmwareVersion", "enrollmentProtocols", "publicKey",
+                          "enrollService"]
+    assert daemon.has_message("initiating enrollment with protocol(s): noauth-csr")
+    daemon.stop()
+
+    # No alternative serials, an empty firmware version, the protocols as given (duplicates
+    # kept) and no public key with --force-new-cert.
+    sandbox.status_file.unlink()
+    server.reset()
+    daemon = start_daemon(sandbox.args("--force-new-cert", "--protocol=noauth-csr",
+                                       "--protocol=noauth-csr", fwver="",
+                                       base_url=server.url))
+    server.wait_for_request("/initiate")
+    body = server.requests[0].json
+    assert body == {"device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
+                    "enrollmentProtocols": ["noauth-csr", "noauth-csr"],
+                    "enrollService": "aws-iot"}
+    daemon.wait_for_message(DONE, timeout=15)
+
+
+def test_enrolled_state_survives_restart_until_base_url_changes(sandbox, start_daemon,
+                                                                  server, second_server):
+    enroll(sandbox, start_daemon, server).stop()
+    first = status(sandbox)
+
+    # An enrolled device sends nothing after a restart.
+    daemon = start_daemon(sandbox.args(base_url=server.url))
+    daemon.wait_for_message("current enrolled status: true")
+    time.sleep(2.5)
+    assert len(server.requests) == 3
+    assert status(sandbox) == first
+    daemon.stop()
+
+    # A new base URL forces a new enrollment with the new server.
+    daemon = enroll(sandbox, start_daemon, second_server)
+    assert daemon.has_message(f"the enroll base URL has changed (was '{server.url}'), "
+                              "forcing re-enrollment")
+    assert len(server.requests) == 3 and len(second_server.requests) == 3
+    state = status(sandbox)
+    assert state["enrolled"] is True and state["lastEnrollBaseURL"] == second_server.url
+    assert state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
+    assert "forcedEnrollTStamp" in state
+    assert stored_service(sandbox) == second_server.sent_services[-1]["aws-iot"]
+
+
+def test_disabled_enroller_sends_nothing(sandbox, start_daemon, server):
+    daemon = start_daemon(sandbox.args("--disable", base_url=server.url))
+    daemon.wait_for_message("enroller disabled, not scheduling retry")
+    time.sleep(2.5)
+    assert server.requests == []
+    assert sandbox.disabled_marker.exists()
+    assert status(sandbox)["enabled"] is False
+    daemon.stop()
+
+    # Enabling it again removes the marker and enrolls.
+    enroll(sandbox, start_daemon, server, "--disable", "--enable")
+    assert not sandbox.disabled_marker.exists()
+
+
+def test_bad_certificate_is_acknowledged_as_error(sandbox, start_daemon, server):
+    server.bad_certificate = True
+    daemon = start_daemon(sandbox.args("--retry=0", "--debug", base_url=server.url))
+    server.wait_for_request("/acknowledge")
+    daemon.wait_for_log("received bad certificate for aws-iot service: ")
+    daemon.wait_for_log("enrollment process finished but service not saved")
+    ack = server.requests[-1].json["acknowledgedServices"]["aws-iot"]
+    assert ack["status"] == "error"
+    assert ack["message"].startswith("bad certificate: ")
+    assert not (sandbox.services_dir / "aws-iot").exists()
+    time.sleep(0.5)
+    assert not daemon.has_message(DONE)
+    assert status(sandbox)["enrolled"] is False
+
+
+def test_trailing_slashes_of_base_url_are_dropped(sandbox, start_daemon, server):
+    daemon = start_daemon(sandbox.args("--retry=0", base_url=server.url + "///"))
+    server.wait_for_request("initiate")
+    assert server.requests[0].path == "/enroll/initiate"
+    daemon.stop()
+
+
+def test_missing_key_leaves_public_key_out(sandbox, start_daemon, server):
+    sandbox.key.write_text("not a key\n")
+    daemon = start_daemon(sandbox.args("--retry=0", base_url=server.url))
+    server.wait_for_request("/initiate")
+    assert "publicKey" not in server.requests[0].json
+    daemon.wait_for_log(re.escape(f"failed to read key from '{sandbox.key}': "))
+    daemon.wait_for_log("failed to create CSR: ")

@@ -1,0 +1,138 @@
+"""How the daemon treats what the enrollment server answers: size cap, redirects, content
+types, error objects, broken connections, unexpected responses, and the retry timing."""
+
+import re
+import time
+
+import pytest
+from enrollserver import Fault
+
+DONE = "enrollment completed successfully"
+
+
+def start(sandbox, start_daemon, server, *extra):
+    return start_daemon(sandbox.args(*extra, base_url=server.url))
+
+
+def paths(server):
+    return [record.path.rsplit("/", 1)[1] for record in server.requests]
+
+
+def test_response_size_cap(sandbox, start_daemon, server):
+    server.inject("/initiate", Fault.exact_size(131073))
+    server.inject("/initiate", Fault.exact_size(131072))
+    daemon = start(sandbox, start_daemon, server, "--retry=1")
+    daemon.wait_for_message(DONE, timeout=15)
+    assert daemon.log.count("response exceeds maximum size 131072, aborting request") == 1
+    assert daemon.log.count(r"failed to connect \(1\): Cancelled$") == 1
+    assert paths(server) == ["initiate", "initiate", "CSRVerify", "acknowledge"]
+
+
+@pytest.mark.parametrize("code", [307, 308])
+def test_redirects_are_followed_with_the_body(sandbox, start_daemon, server, code):
+    server.inject("/initiate", Fault.redirect(code, "/moved/initiate"))
+    server.inject("/CSRVerify", Fault.redirect(code, "/moved/CSRVerify"))
+    daemon = start(sandbox, start_daemon, server, "--retry=0")
+    daemon.wait_for_message(DONE, timeout=15)
+    requests = server.requests
+    assert [r.path for r in requests] == ["/enroll/initiate", "/moved/initiate",
+                                          "/enroll/CSRVerify", "/moved/CSRVerify",
+                                          "/enroll/acknowledge"]
+    assert requests[0].body == requests[1].body and requests[2].body == requests[3].body
+    assert all(r.method == "POST" for r in requests)
+
+
+def test_content_types(sandbox, start_daemon, server):
+    server.inject("/initiate", Fault.content_type("text/plain"))
+    server.inject("/initiate", Fault.html_error(502))
+    server.inject("/initiate", Fault.content_type("APPLICATION/JSON"))
+    daemon = start(sandbox, start_daemon, server, "--retry=1")
+    daemon.wait_for_message(DONE, timeout=20)
+    assert daemon.has_message("response is not JSON but text/plain, ignoring")
+    assert daemon.has_message("request returned error 502: Bad Gateway")
+    assert daemon.has_message("response is not JSON but text/html, ignoring")
+    assert paths(server) == ["initiate"] * 3 + ["CSRVerify", "acknowledge"]
+
+
+def test_non_empty_acknowledge_answer_still_completes(sandbox, start_daemon, server):
+    server.inject("/acknowledge", Fault.json({"unexpected": True}))
+    daemon = start(sandbox, start_daemon, server, "--retry=0")
+    daemon.wait_for_message(DONE, timeout=15)
+    assert daemon.log.count(
+        r"ignoring unexpected non-empty response to acknowledge request \(status 200, "
+        r"length \d+, content-type application/json\)$") == 1
+
+
+@pytest.mark.parametrize("retry,low,high", [("0", 0.0, 0.7), ("3", 2.9, 4.3)])
+def test_expired_callback_data_restarts_after_the_spacing(sandbox, start_daemon, server,
+                                                          retry, low, high):
+    server.inject("/CSRVerify", Fault.error(410, "CallbackDataExpiredException"))
+    daemon = start(sandbox, start_daemon, server, f"--retry={retry}")
+    daemon.wait_for_message(DONE, timeout=15)
+    assert daemon.log.count(r"request failed with status code: 410, code: "
+                            r"CallbackDataExpiredException, server time: \S+, msg: ") == 1
+    assert paths(server) == ["initiate", "CSRVerify", "initiate", "CSRVerify", "acknowledge"]
+    gap = server.requests[2].time - server.requests[1].time
+    assert low <= gap <= high
+
+
+def test_other_error_codes_wait_for_the_armed_retry(sandbox, start_daemon, server):
+    server.inject("/CSRVerify", Fault.error(400, "InvalidCSRException"))
+    daemon = start(sandbox, start_daemon, server, "--retry=0")
+    daemon.wait_for_log(r"request failed with status code: 400, code: InvalidCSRException, ")
+    assert daemon.has_message("request returned error 400: Bad Request")
+    time.sleep(1.5)
+    assert paths(server) == ["initiate", "CSRVerify"]
+
+
+@pytest.mark.parametrize("fault,extra", [(Fault.drop(), []), (Fault.delay(3), ["--timeout=1"])],
+                         ids=["dropped", "timeout"])
+def test_broken_connections_are_retried(sandbox, start_daemon, server, fault, extra):
+    server.inject("/initiate", fault)
+    daemon = start(sandbox, start_daemon, server, "--retry=1", *extra)
+    daemon.wait_for_message(DONE, timeout=20)
+    assert daemon.log.count(r"failed to connect \(\d+\): \S") == 1
+    assert paths(server) == ["initiate", "initiate", "CSRVerify", "acknowledge"]
+
+
+@pytest.mark.parametrize("answer,message", [
+    ({"status": "CSRRequired", "enrollmentProtocol": "emmc-rpmb-csr", "cbData": "x"},
+     "enrollment server returned unexpected protocol 'emmc-rpmb-csr'"),
+    ({"status": "CSRRequired", "cbData": "x"},
+     "enrollment server returned bad protocol '', expected 'noauth-csr'"),
+    ({"status": "dataAuthRequired", "enrollmentProtocol": "noauth-csr", "cbData": "x"},
+     "enrollment server returned bad protocol 'noauth-csr', expected 'emmc-rpmb-csr'"),
+    ({"status": "pending", "enrollmentProtocol": "noauth-csr", "cbData": "x"},
+     "unknown status 'pending' received in enroll response"),
+    ({"status": "enrolled", "enrollmentProtocol": "noauth-csr", "cbData": "x"},
+     "missing enrolledServices in enrolled enroll response"),
+    ({"status": "enrolled", "enrollmentProtocol": "noauth-csr", "cbData": "x",
+      "enrolledServices": {"other": {}}},
+     "missing service in enrolled enroll response"),
+    ({"enrollmentProtocol": "noauth-csr", "cbData": "x"},
+     "failed parsing enrollment response: "),
+], ids=["unoffered-protocol", "no-protocol", "wrong-protocol", "unknown-status",
+        "no-services", "no-aws-iot", "no-status"])
+def test_unexpected_answers_stop_the_attempt(sandbox, start_daemon, server, answer, message):
+    server.inject("/initiate", Fault.json(answer))
+    daemon = start(sandbox, start_daemon, server, "--retry=0")
+    daemon.wait_for_log(re.escape(message))
+    daemon.stop()
+    assert paths(server) == ["initiate"]
+
+
+def test_retry_backoff(sandbox, start_daemon, server):
+    server.inject("/initiate", Fault.error(500, "InternalServerError"), times=10)
+    daemon = start(sandbox, start_daemon, server, "--retry=1", "--debug")
+    server.wait_for_request("/initiate", count=4, timeout=20)
+    daemon.stop()
+
+    announced = [(int(m), int(n)) for m, n in re.findall(
+        r"retrying enroll \(multiplier (\d+)\), next retry in (\d+) secs", daemon.output())]
+    assert [m for m, _ in announced[:4]] == [1, 2, 4, 8]
+    for multiplier, delay in announced:
+        assert 1 <= delay <= 1 + multiplier
+    # Each attempt comes when the previous one said it would (second-granularity timers).
+    times = [r.time for r in server.requests]
+    for (_, delay), gap in zip(announced, (b - a for a, b in zip(times, times[1:]))):
+        assert delay - 0.1 <= gap <= delay + 1.2

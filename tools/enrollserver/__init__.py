@@ -1,0 +1,9 @@
+"""The reference enrollment server of zelenrolld, for tests and for bringing up devices."""
+
+from .ca import TestCA
+from .faults import Fault
+from .protocols import PROTOCOLS, ServerError
+from .proxy import RecordingProxy
+from .server import EnrollServer
+
+__all__ = ["EnrollServer", "Fault", "PROTOCOLS", "RecordingProxy", "ServerError", "TestCA"]
