@@ -306,7 +306,9 @@ class _Handler(BaseHTTPRequestHandler):
             data = data.ljust(params["size"], b" ")
         content_type = params.get("value", "application/json") if data else None
         self._send(status, data, content_type)
-        return status, (document or {}).get("status") or (document or {}).get("code") or ""
+        if not isinstance(document, dict):
+            return status, "(empty)" if document is None else "(json)"
+        return status, document.get("status") or document.get("code") or ""
 
     def _send(self, status, data, content_type, headers=None):
         self.send_response(status)
