@@ -90,11 +90,6 @@ def test_protocols_from_options_replace_branding(sandbox, start_daemon):
     start_and_stop(start_daemon, sandbox.args("--protocol=noauth-csr", branding=unknown))
 
 
-def test_missing_firmware_version_is_only_a_warning(sandbox, start_daemon):
-    daemon = start_and_stop(start_daemon, sandbox.args(fwver=""))
-    assert daemon.has_message("no firmware version available")
-
-
 @pytest.mark.parametrize("enabled_by_default,args,disabled", [
     (True, [], False),
     (False, [], True),
@@ -132,48 +127,37 @@ def test_trailing_slashes_of_the_services_dir_are_harmless(sandbox, start_daemon
     assert sandbox.disabled_marker.exists()
 
 
-# Identity read from the system, through fixture files in a private mount namespace.
+# Identity read from the system, through fixture files in a private mount namespace; the
+# "/initiate" request shows what the daemon made of them.
 
 @pytest.mark.root
-def test_serial_from_the_identifiers_file(sandbox, start_daemon, identity):
-    files = identity(identifiers="ZEL_SN=\nZEL_SN='SN 42'\n")
-    start_and_stop(start_daemon, sandbox.args(serial=None), mounts=files.mounts)
+@pytest.mark.parametrize("identifiers,cpuinfo,os_release,device,firmware", [
+    ("ZEL_SN=\nZEL_SN='SN 42'\nZEL_USER_SN=U\\ 1\nZEL_CHASSIS_SN=\"C 4\"\n",
+     "processor\t: 0\n", 'VERSION_ID="4.7.2"\n',
+     {"serial": "SN 42", "altSerial": {"user": "U 1", "chassis": "C 4"}}, "4.7.2"),
+    ("ZEL_SN=FROM-FILE\n", "processor\t: 0\nSerial\t\t: 00000000deadbeef\n", "ID=test\n",
+     {"serial": "00000000deadbeef"}, None),
+], ids=["identifiers", "cpuinfo"])
+def test_identity_from_the_system(sandbox, start_daemon, identity, server, identifiers,
+                                  cpuinfo, os_release, device, firmware):
+    files = identity(identifiers=identifiers, cpuinfo=cpuinfo, os_release=os_release)
+    daemon = start_daemon(sandbox.args("--retry=0", serial=None, fwver=None,
+                                       base_url=server.url), mounts=files.mounts)
+    server.wait_for_request("/initiate")
+    body = server.requests[0].json
+    assert body["device"] == dict(device, model="MP-100", brand="Acme")
+    assert body.get("firmwareVersion") == firmware
+    assert daemon.has_message("no firmware version available") == (firmware is None)
 
 
 @pytest.mark.root
-def test_serial_from_cpuinfo(sandbox, start_daemon, identity):
-    files = identity(cpuinfo="processor\t: 0\nSerial\t\t: 00000000deadbeef\n")
-    start_and_stop(start_daemon, sandbox.args(serial=None), mounts=files.mounts)
-
-
-@pytest.mark.root
-@pytest.mark.parametrize("identifiers,cpuinfo", [
-    (None, "processor\t: 0\n"),
-    ("ZEL_SN=\nZEL_USER_SN=U1\n", "Serial\t\t: \n"),
-    ("ZEL_SN='unclosed\n", "processor\t: 0\n"),
-], ids=["no-identifiers", "empty-values", "bad-quoting"])
-def test_no_serial_anywhere_is_refused(sandbox, start_daemon, identity, identifiers, cpuinfo):
+@pytest.mark.parametrize("identifiers,cpuinfo,serial", [
+    (None, "processor\t: 0\n", None),
+    ("ZEL_SN=\nZEL_USER_SN=U1\n", "Serial\t\t: \n", None),
+    ("ZEL_SN='unclosed\n", "processor\t: 0\n", None),
+    ("ZEL_SN=SN-FROM-FILE\n", "Serial\t\t: 00000000deadbeef\n", ""),
+], ids=["no-identifiers", "empty-values", "bad-quoting", "empty-option"])
+def test_no_serial_is_refused(sandbox, start_daemon, identity, identifiers, cpuinfo, serial):
     files = identity(identifiers=identifiers, cpuinfo=cpuinfo)
-    refused(start_daemon, sandbox.args(serial=None), "no device serial number available",
+    refused(start_daemon, sandbox.args(serial=serial), "no device serial number available",
             mounts=files.mounts)
-
-
-@pytest.mark.root
-def test_empty_serial_option_does_not_ask_the_system(sandbox, start_daemon, identity):
-    files = identity(identifiers="ZEL_SN=SN-FROM-FILE\n",
-                     cpuinfo="Serial\t\t: 00000000deadbeef\n")
-    refused(start_daemon, sandbox.args(serial=""), "no device serial number available",
-            mounts=files.mounts)
-
-
-@pytest.mark.root
-def test_firmware_version_from_os_release(sandbox, start_daemon, identity):
-    files = identity(identifiers="ZEL_SN=1\n", os_release='ID=test\nVERSION_ID="4.7.2"\n')
-    daemon = start_and_stop(start_daemon, sandbox.args(serial=None, fwver=None),
-                            mounts=files.mounts)
-    assert not daemon.has_message("no firmware version available")
-
-    files = identity(identifiers="ZEL_SN=1\n", os_release="ID=test\n")
-    daemon = start_and_stop(start_daemon, sandbox.args(serial=None, fwver=None),
-                            mounts=files.mounts)
-    assert daemon.has_message("no firmware version available")

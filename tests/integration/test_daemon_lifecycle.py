@@ -10,22 +10,15 @@ from zeltest import PID_FILE_NAME, message_re, process_alive, read_pid_file, wai
 TERMINATING = message_re("terminating on signal")
 
 
-@pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM], ids=["SIGINT", "SIGTERM"])
-def test_signal_stops_the_loop(sandbox, start_daemon, sig):
-    daemon = start_daemon(sandbox.args())
-    daemon.wait_ready()
-    assert daemon.stop(sig) == 0
-    assert daemon.log.count(TERMINATING) == 1
-
-
-@pytest.mark.parametrize("first,second", [(signal.SIGINT, signal.SIGTERM),
-                                          (signal.SIGTERM, signal.SIGINT)],
-                         ids=["INT-TERM", "TERM-INT"])
-def test_two_signals_in_a_row_are_handled_once(sandbox, start_daemon, first, second):
+@pytest.mark.parametrize("signals", [[signal.SIGINT], [signal.SIGTERM],
+                                     [signal.SIGINT, signal.SIGTERM],
+                                     [signal.SIGTERM, signal.SIGINT]],
+                         ids=["INT", "TERM", "INT-TERM", "TERM-INT"])
+def test_signals_stop_the_loop_once(sandbox, start_daemon, signals):
     daemon = start_daemon(sandbox.args())
     pid = daemon.wait_ready()
-    os.kill(pid, first)
-    os.kill(pid, second)
+    for sig in signals:
+        os.kill(pid, sig)
     assert daemon.wait_exit() == 0
     assert daemon.log.count(TERMINATING) == 1, daemon.output()
 

@@ -84,16 +84,8 @@ def test_bad_csrs_are_refused(server, subject, other_key, why):
     assert server.issued_certificates == []
 
 
-@pytest.mark.parametrize("document,code", [
-    ({"device": DEVICE, "enrollmentProtocols": ["emmc-rpmb-csr"], "enrollService": "aws-iot"},
-     "UnsupportedProtocolException"),
-    ({"device": {"serial": "SN-1"}, "enrollmentProtocols": ["noauth-csr"],
-      "enrollService": "aws-iot"}, "InvalidRequestException"),
-    ({"device": dict(DEVICE, altSerial={"tv": "1"}), "enrollmentProtocols": ["noauth-csr"],
-      "enrollService": "aws-iot"}, "InvalidRequestException"),
-    ({"device": DEVICE, "enrollmentProtocols": ["noauth-csr"], "enrollService": "other"},
-     "InvalidRequestException"),
-], ids=["protocol", "device", "altSerial", "service"])
-def test_bad_initiate_bodies_are_refused(server, document, code):
-    status, content_type, body = post(server, "initiate", document)
-    assert (status, content_type, body["code"]) == (400, "application/json", code)
+def test_initiate_without_a_common_protocol_is_refused(server):
+    status, content_type, body = post(server, "initiate", {
+        "device": DEVICE, "enrollmentProtocols": ["emmc-rpmb-csr"], "enrollService": "aws-iot"})
+    assert (status, content_type) == (400, "application/json")
+    assert body["code"] == "UnsupportedProtocolException"

@@ -41,11 +41,6 @@ def is_root():
 requires_root = pytest.mark.skipif(not is_root(), reason="needs root")
 
 
-def tool(name):
-    """A native helper tool built from tools/*.cpp."""
-    return BUILD_DIR / "tools" / name
-
-
 def free_port(host="127.0.0.1"):
     """A TCP port nothing listens on at the moment (also good as an unused port)."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
@@ -127,12 +122,9 @@ class LogLines:
     def text(self):
         return "\n".join(self.lines())
 
-    def matching(self, regex):
-        pattern = re.compile(regex)
-        return [line for line in self.lines() if pattern.search(line)]
-
     def count(self, regex):
-        return len(self.matching(regex))
+        pattern = re.compile(regex)
+        return sum(1 for line in self.lines() if pattern.search(line))
 
     def wait_for(self, regex, timeout=5.0, start=0):
         """The first match of `regex` in a line from index `start` on, waiting up to
@@ -204,10 +196,6 @@ class Daemon:
         """The PID of the started process (the parent in daemon mode)."""
         return self.proc.pid
 
-    @property
-    def returncode(self):
-        return self.proc.poll()
-
     def output(self):
         return self.log.text()
 
@@ -266,11 +254,6 @@ class Daemon:
         """/proc/PID/status of the running daemon."""
         pid = self.running_pid()
         return proc_status(pid) if pid else {}
-
-    def send_signal(self, sig):
-        pid = self.running_pid()
-        if pid:
-            os.kill(pid, sig)
 
     def stop(self, sig=signal.SIGTERM, timeout=5.0):
         """Stops the daemon with `sig`, then SIGKILL if it did not exit in time. Returns the
@@ -386,9 +369,6 @@ class Sandbox:
             os.chown(directory, entry.pw_uid, entry.pw_gid)
             for name in files:
                 os.chown(os.path.join(directory, name), entry.pw_uid, entry.pw_gid)
-
-    def path(self, name):
-        return self.root / name
 
     def write(self, name, contents):
         """A fixture file in the sandbox (parents made)."""
