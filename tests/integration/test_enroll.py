@@ -5,6 +5,8 @@ import re
 import subprocess
 import time
 
+import pytest
+
 DONE = "enrollment completed successfully"
 
 
@@ -129,17 +131,25 @@ def test_disabled_enroller_sends_nothing(sandbox, start_daemon, server):
     assert not sandbox.disabled_marker.exists()
 
 
-def test_bad_certificate_is_acknowledged_as_error(sandbox, start_daemon, server):
-    server.bad_certificate = True
-    daemon = start_daemon(sandbox.args("--retry=0", "--debug", base_url=server.url))
+@pytest.mark.parametrize("fault,warning,message", [
+    ("bad-cert", "received bad certificate for aws-iot service: ", "bad certificate: "),
+    ("no-services-dir", "failed saving aws-iot service confiuration: ", "Error creating"),
+])
+def test_unsaved_service_is_acknowledged_as_error(sandbox, start_daemon, server, fault,
+                                                  warning, message):
+    services_dir = sandbox.services_dir
+    if fault == "bad-cert":
+        server.bad_certificate = True
+    else:
+        services_dir = sandbox.root / "missing"
+    daemon = start_daemon(sandbox.args("--retry=0", "--debug", f"--services-dir={services_dir}",
+                                       base_url=server.url))
     server.wait_for_request("/acknowledge")
-    daemon.wait_for_log("received bad certificate for aws-iot service: ")
+    daemon.wait_for_log(re.escape(warning))
     daemon.wait_for_log("enrollment process finished but service not saved")
     ack = server.requests[-1].json["acknowledgedServices"]["aws-iot"]
-    assert ack["status"] == "error"
-    assert ack["message"].startswith("bad certificate: ")
-    assert not (sandbox.services_dir / "aws-iot").exists()
-    time.sleep(0.5)
+    assert ack["status"] == "error" and ack["message"].startswith(message)
+    assert not (services_dir / "aws-iot").exists()
     assert not daemon.has_message(DONE)
     assert status(sandbox)["enrolled"] is False
 
