@@ -245,6 +245,16 @@ void Enroller::log(const ErrorResponse& err) const {
               err.statusCode, err.code.c_str(), err.time.c_str(), err.message.c_str());
 }
 
+// Sends a body written by a handler; a failed writer is reported in the handler's name.
+void Enroller::send_json(Request kind, JsonObjectOutput& out, const char* handler) {
+    out.finish();
+    if (out.isFailed()) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, handler, "! json.failed()");
+        return;
+    }
+    send_request(kind, out);
+}
+
 // ---------------------------------------------------------------------------------------
 // state machine
 
@@ -277,14 +287,12 @@ void Enroller::initiate() {
         out.addProperty("publicKey", publicKeyPem.c_str());
     out.addProperty("enrollService", AWS_IOT);
     out.finish();
-
-    const std::string body = out;
-    if (body.empty()) {
+    if (out.isFailed()) {
         g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "! json.failed()");
         return;
     }
     g_message("initiating enrollment with protocol(s): %s", protocols.c_str());
-    send_request(REQUEST_INITIATE, body);
+    send_request(REQUEST_INITIATE, out);
 }
 
 void Enroller::handle_response(const EnrollResponse& rsp) {
@@ -331,13 +339,7 @@ void Enroller::handle_csr_required_req(const EnrollResponse& rsp) {
     JsonObjectOutput out;
     out.addProperty("cbData", rsp.cbData.c_str());
     out.addProperty("CSR", csrPem.c_str());
-    out.finish();
-    const std::string body = out;
-    if (body.empty()) {
-        g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "! json.failed()");
-        return;
-    }
-    send_request(REQUEST_CSR_VERIFY, body);
+    send_json(REQUEST_CSR_VERIFY, out, G_STRFUNC);
 }
 
 // The RPMB and TPM proofs are not part of this build: open_rpmb() and open_tpm2() never
@@ -402,13 +404,7 @@ void Enroller::handle_enrolled_req(const EnrollResponse& rsp) {
     for (const AcknowledgedService& ack : acks)
         out << ack;
     out.finishObjectProperty();
-    out.finish();
-    const std::string body = out;
-    if (body.empty()) {
-        g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "! json.failed()");
-        return;
-    }
-    send_request(REQUEST_ACKNOWLEDGE, body);
+    send_json(REQUEST_ACKNOWLEDGE, out, G_STRFUNC);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -13,6 +13,7 @@
 #include "EnrollerStatus.h"
 #include "GLibPtr.h"
 
+class JsonObjectOutput;
 struct EnrollResponse;
 struct ErrorResponse;
 
@@ -60,6 +61,7 @@ class Enroller {
   private:
     // HTTP layer
     void send_request(Request kind, const std::string& body);
+    void send_json(Request kind, JsonObjectOutput& out, const char* handler);
     void req_response_cb(SoupSession* session, SoupMessage* msg);
     void req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk);
     void req_restarted_cb(SoupMessage* msg);

@@ -8,8 +8,10 @@ import http.client
 import select
 import socket
 import threading
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from http.server import BaseHTTPRequestHandler
 from urllib.parse import urlsplit
+
+from .threaded import BackgroundServer
 
 HOP_BY_HOP = {"proxy-authorization", "proxy-connection", "connection", "keep-alive"}
 
@@ -20,15 +22,13 @@ class ProxyRecord:
         self.headers = dict(handler.headers.items())
 
 
-class RecordingProxy:
+class RecordingProxy(BackgroundServer):
     def __init__(self, port=0, upstream=None, require_auth=False):
         self.upstream = dict(upstream or {})
         self.require_auth = require_auth  # answer 407 until Basic credentials come
         self._lock = threading.Lock()
         self._requests = []
-        self._httpd = _ProxyServer(("127.0.0.1", port), _ProxyHandler)
-        self._httpd.proxy = self
-        self._thread = None
+        super().__init__("127.0.0.1", port, _ProxyHandler)
 
     @property
     def port(self):
@@ -39,32 +39,12 @@ class RecordingProxy:
         with self._lock:
             return list(self._requests)
 
-    def start(self):
-        self._thread = threading.Thread(target=self._httpd.serve_forever, args=(0.1,),
-                                        daemon=True)
-        self._thread.start()
-        return self
-
-    def stop(self):
-        if self._thread:
-            self._httpd.shutdown()
-            self._thread.join(5)
-            self._thread = None
-        self._httpd.server_close()
-
     def _record(self, handler):
         with self._lock:
             self._requests.append(ProxyRecord(handler))
 
     def target(self, host, port):
         return self.upstream.get((host, port), (host, port))
-
-
-class _ProxyServer(ThreadingHTTPServer):
-    daemon_threads = True
-
-    def handle_error(self, request, client_address):
-        pass
 
 
 class _ProxyHandler(BaseHTTPRequestHandler):
@@ -74,7 +54,7 @@ class _ProxyHandler(BaseHTTPRequestHandler):
         pass
 
     def _authorized(self):
-        proxy = self.server.proxy
+        proxy = self.server.owner
         proxy._record(self)
         credentials = self.headers.get("Proxy-Authorization", "")
         if not proxy.require_auth or credentials.startswith("Basic ") and \
@@ -92,7 +72,7 @@ class _ProxyHandler(BaseHTTPRequestHandler):
             return
         host, _, port = self.path.rpartition(":")
         try:
-            upstream = socket.create_connection(self.server.proxy.target(host, int(port)), 10)
+            upstream = socket.create_connection(self.server.owner.target(host, int(port)), 10)
         except OSError:
             self.send_error(502)
             return
@@ -116,7 +96,7 @@ class _ProxyHandler(BaseHTTPRequestHandler):
             return
         url = urlsplit(self.path)
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
-        host, port = self.server.proxy.target(url.hostname, url.port or 80)
+        host, port = self.server.owner.target(url.hostname, url.port or 80)
         headers = {k: v for k, v in self.headers.items() if k.lower() not in HOP_BY_HOP}
         connection = http.client.HTTPConnection(host, port, timeout=30)
         try:

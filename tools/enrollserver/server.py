@@ -3,18 +3,18 @@ with a request log for tests and fault injection."""
 
 import json
 import secrets
-import socket
 import ssl
 import threading
 import time
 from collections import defaultdict, deque
 from datetime import datetime, timezone
 from http import HTTPStatus
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from http.server import BaseHTTPRequestHandler
 
 from cryptography.hazmat.primitives import serialization
 
 from .protocols import PROTOCOLS, Enrollment, ServerError, bad_request, require
+from .threaded import BackgroundServer
 
 ACK_STATUSES = ("saved", "error", "unknown")
 ALT_SERIALS = ("user", "board", "system", "chassis")
@@ -40,7 +40,7 @@ class RequestRecord:
             self.json = None
 
 
-class EnrollServer:
+class EnrollServer(BackgroundServer):
     """Serves POST <base_path>/<endpoint> on loopback. Any path ending in an endpoint's name
     serves that endpoint, so that redirects can point anywhere on the server.
 
@@ -69,10 +69,7 @@ class EnrollServer:
         if tls:
             self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             self._tls.load_cert_chain(*ca.issue_server_cert())
-        server_class = _HTTPServer6 if ":" in host else _HTTPServer
-        self._httpd = server_class((host, port), _Handler)
-        self._httpd.enroll = self
-        self._thread = None
+        super().__init__(host, port, _Handler)
 
     @property
     def ca_file(self):
@@ -83,19 +80,6 @@ class EnrollServer:
         host, port = self._httpd.server_address[:2]
         host = f"[{host}]" if ":" in host else host
         return f"{'https' if self._tls else 'http'}://{host}:{port}{self.base_path}"
-
-    def start(self):
-        self._thread = threading.Thread(target=self._httpd.serve_forever, args=(0.1,),
-                                        daemon=True)
-        self._thread.start()
-        return self
-
-    def stop(self):
-        if self._thread:
-            self._httpd.shutdown()
-            self._thread.join(5)
-            self._thread = None
-        self._httpd.server_close()
 
     # --- request log and fault injection
 
@@ -237,22 +221,11 @@ class EnrollServer:
             self._enrollments.pop(enrollment.cb_data, None)
 
 
-class _HTTPServer(ThreadingHTTPServer):
-    daemon_threads = True
-
-    def handle_error(self, request, client_address):
-        pass  # clients that go away (timeouts, refused TLS) are part of the tests
-
-
-class _HTTPServer6(_HTTPServer):
-    address_family = socket.AF_INET6
-
-
 class _Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
     def setup(self):
-        tls = self.server.enroll._tls
+        tls = self.server.owner._tls
         if tls:
             self.request.settimeout(10)
             self.request = tls.wrap_socket(self.request, server_side=True)
@@ -265,7 +238,7 @@ class _Handler(BaseHTTPRequestHandler):
         self._send(405, b"", "text/plain")
 
     def do_POST(self):
-        srv = self.server.enroll
+        srv = self.server.owner
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
         record = srv._record(self, body)
         endpoint = self.path.rsplit("/", 1)[-1]
