@@ -65,20 +65,8 @@ std::string CertificateSignRequest::get_pem() {
         error = "no certificate signing request loaded";
         return {};
     }
-
-    ERR_clear_error();
-    const OpenSSLPtr<BIO> bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_X509_REQ(bio.get(), req.get()) != 1) {
-        error = get_openssl_error();
-        return {};
-    }
-    char* data = nullptr;
-    const long len = BIO_get_mem_data(bio.get(), &data);
-    if (len <= 0 || !data) {
-        error = get_openssl_error();
-        return {};
-    }
-    return std::string(data, static_cast<size_t>(len));
+    return write_pem_text([this](BIO* bio) { return PEM_write_bio_X509_REQ(bio, req.get()); },
+                          error);
 }
 
 void CertificateSignRequest::clear() {

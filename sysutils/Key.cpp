@@ -69,20 +69,8 @@ std::string Key::get_public_pem() {
         error = "no key loaded";
         return {};
     }
-
-    ERR_clear_error();
-    const OpenSSLPtr<BIO> bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_PUBKEY(bio.get(), pkey.get()) != 1) {
-        error = get_openssl_error();
-        return {};
-    }
-    char* data = nullptr;
-    const long len = BIO_get_mem_data(bio.get(), &data);
-    if (len <= 0 || !data) {
-        error = get_openssl_error();
-        return {};
-    }
-    return std::string(data, static_cast<size_t>(len));
+    return write_pem_text([this](BIO* bio) { return PEM_write_bio_PUBKEY(bio, pkey.get()); },
+                          error);
 }
 
 void Key::clear() {

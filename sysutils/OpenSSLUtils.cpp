@@ -16,6 +16,18 @@ std::string get_openssl_default_cert_file() {
     return path ? path : "";
 }
 
+std::string write_pem_text(const std::function<int(BIO*)>& write, std::string& error) {
+    ERR_clear_error();
+    const OpenSSLPtr<BIO> bio(BIO_new(BIO_s_mem()));
+    char* data = nullptr;
+    const long length = bio && write(bio.get()) == 1 ? BIO_get_mem_data(bio.get(), &data) : 0;
+    if (length <= 0 || !data) {
+        error = get_openssl_error();
+        return {};
+    }
+    return std::string(data, static_cast<size_t>(length));
+}
+
 void OpenSSLDeleter::operator()(BIO* bio) const {
     BIO_free_all(bio);
 }

@@ -22,8 +22,6 @@ class CliOpts {
     CliOpts(const CliOpts&) = delete;
     CliOpts& operator=(const CliOpts&) = delete;
 
-    // The option table, writing into this instance's slots, terminated by an empty entry.
-    std::vector<GOptionEntry> option_entries();
     // A parsing context with the help header and the option table of this instance.
     OptionContextPtr option_context();
     // Parses the command line into this instance, removing what it recognised from argv.
@@ -60,4 +58,8 @@ class CliOpts {
     int dump_http = 0;
     int debug = 0;
     int no_switch_user = 0;
+
+  private:
+    // The option table, writing into this instance's slots, terminated by an empty entry.
+    std::vector<GOptionEntry> option_entries();
 };

@@ -2,6 +2,7 @@
 
 #include <openssl/x509.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -11,6 +12,11 @@ std::string get_openssl_error();
 
 // OpenSSL's compiled-in CA bundle path, or an empty string when it has none.
 std::string get_openssl_default_cert_file();
+
+// The PEM text that `write` (an OpenSSL PEM writer, 1 on success) puts into a memory BIO.
+// On failure an empty string, with OpenSSL's reason in `error`. Clears the thread's error
+// queue first.
+std::string write_pem_text(const std::function<int(BIO*)>& write, std::string& error);
 
 // Frees each OpenSSL handle type with its own free function.
 struct OpenSSLDeleter {

@@ -7,31 +7,19 @@
 #include "BrandingInfo.h"
 #include "JsonObjectInput.h"
 #include "LogCapture.h"
+#include "TempDir.h"
 
 namespace {
 
 class BrandingInfoTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char* path = g_dir_make_tmp("branding-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
-    }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
+    // Writes `contents` to a new file of the test's directory.
     std::string write(const std::string& contents) {
-        const std::string path = dir + "/branding-" + std::to_string(files.size()) + ".json";
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
+        return tmp.write("file-" + std::to_string(++written), contents);
     }
 
-    std::string dir;
-    std::vector<std::string> files;
+    TempDir tmp;
+    int written = 0;
     LogCapture log;
 };
 
@@ -124,7 +112,7 @@ TEST_F(BrandingInfoTest, UnparsableEmptyAndMissingFiles) {
                                  "failed to parse JSON from branding file " + broken + ": "))
         << log.dump();
 
-    const std::string missing = dir + "/missing.json";
+    const std::string missing = tmp.file("missing.json");
     EXPECT_EQ(info.load(missing.c_str()), 0);
     EXPECT_TRUE(log.loggedPrefix(G_LOG_LEVEL_WARNING,
                                  "failed to parse JSON from branding file " + missing + ": "));

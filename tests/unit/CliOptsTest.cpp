@@ -10,10 +10,9 @@
 #include "EnrollerInfo.h"
 #include "GLibPtr.h"
 #include "LogCapture.h"
+#include "TempDir.h"
 
 namespace {
-
-const std::string kIndent(26, ' ');
 
 // Parses `args` (without the program name) into `opts`; the GLib error text, if any, goes
 // to `error`.
@@ -37,35 +36,15 @@ bool parse(CliOpts& opts, const std::vector<std::string>& args, std::string* err
     return ok;
 }
 
-const GOptionEntry* find_entry(const std::vector<GOptionEntry>& entries, const char* name) {
-    for (const GOptionEntry& entry : entries) {
-        if (entry.long_name && strcmp(entry.long_name, name) == 0)
-            return &entry;
-    }
-    return nullptr;
-}
-
 class CliOptsInfoTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char* path = g_dir_make_tmp("cliopts-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
         branding = write_branding(R"({"brand": "Acme", "model": "MP-100",
             "enrollProtocols": ["tpm2-authkey-csr", "noauth-csr"],
             "enrollRootUrl": "https://enroll.example.com/v1//", "enabledByDefault": true})");
     }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
     std::string write_branding(const std::string& contents) {
-        const std::string path = dir + "/branding-" + std::to_string(files.size()) + ".json";
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
+        return tmp.write("branding-" + std::to_string(++written) + ".json", contents);
     }
     // Parses the options, with the system's identity sources replaced by options unless
     // the caller gives them, and runs init_info.
@@ -79,96 +58,13 @@ class CliOptsInfoTest : public ::testing::Test {
         return opts.init_info(info);
     }
 
-    std::string dir;
+    TempDir tmp;
+    int written = 0;
     std::string branding;
-    std::vector<std::string> files;
     LogCapture log;
 };
 
 }  // namespace
-
-TEST(CliOptsTable, HasEveryOptionInOrderWithShortAndArgumentNames) {
-    CliOpts opts;
-    const std::vector<GOptionEntry> entries = opts.option_entries();
-    ASSERT_EQ(entries.size(), 29u);
-    EXPECT_EQ(entries.back().long_name, nullptr);
-
-    const std::vector<std::string> names = {"base-url",
-                                            "serial",
-                                            "model",
-                                            "brand",
-                                            "fwver",
-                                            "rpmb",
-                                            "key",
-                                            "branding",
-                                            "user-serial",
-                                            "board-serial",
-                                            "system-serial",
-                                            "chassis-serial",
-                                            "status-file",
-                                            "services-dir",
-                                            "proxy",
-                                            "no-daemon",
-                                            "user",
-                                            "kill",
-                                            "use-session-bus",
-                                            "retry",
-                                            "timeout",
-                                            "disable",
-                                            "force-new-cert",
-                                            "protocol",
-                                            "enable",
-                                            "dump-http",
-                                            "debug",
-                                            "no-switch-user"};
-    for (size_t i = 0; i < names.size(); ++i)
-        EXPECT_STREQ(entries[i].long_name, names[i].c_str()) << i;
-
-    const std::vector<std::pair<const char*, char>> shorts = {
-        {"base-url", 'B'}, {"rpmb", 'R'}, {"user", 'u'}, {"kill", 'k'}, {"retry", 'r'}};
-    int with_short = 0;
-    for (const GOptionEntry& entry : entries)
-        with_short += entry.short_name != 0;
-    EXPECT_EQ(with_short, 5);
-    for (const auto& [name, short_name] : shorts)
-        EXPECT_EQ(find_entry(entries, name)->short_name, short_name) << name;
-
-    const std::vector<std::pair<const char*, const char*>> arguments = {
-        {"base-url", "URL"},   {"serial", "SN"},        {"model", "MODEL"},
-        {"fwver", "VERSION"},  {"rpmb", "RPMBPATH"},    {"key", "KEY"},
-        {"branding", "FILE"},  {"status-file", "FILE"}, {"services-dir", "DIR"},
-        {"user", "USER"},      {"retry", "TIMEOUT"},    {"timeout", "TIMEOUT"},
-        {"protocol", "PROTO"}, {"dump-http", "LEVEL"},  {"chassis-serial", "SN"}};
-    for (const auto& [name, argument] : arguments)
-        EXPECT_STREQ(find_entry(entries, name)->arg_description, argument) << name;
-    for (const char* flag : {"no-daemon", "kill", "disable", "enable", "debug", "force-new-cert"}) {
-        EXPECT_EQ(find_entry(entries, flag)->arg, G_OPTION_ARG_NONE) << flag;
-        EXPECT_EQ(find_entry(entries, flag)->arg_description, nullptr) << flag;
-    }
-    EXPECT_EQ(find_entry(entries, "protocol")->arg, G_OPTION_ARG_STRING_ARRAY);
-    EXPECT_EQ(find_entry(entries, "retry")->arg, G_OPTION_ARG_INT);
-    EXPECT_EQ(find_entry(entries, "no-daemon")->flags, G_OPTION_FLAG_REVERSE);
-    EXPECT_EQ(find_entry(entries, "enable")->flags, G_OPTION_FLAG_REVERSE);
-    EXPECT_EQ(find_entry(entries, "enable")->arg_data, find_entry(entries, "disable")->arg_data);
-}
-
-TEST(CliOptsTable, HelpTextsAreJoinedToLineUp) {
-    CliOpts opts;
-    const std::vector<GOptionEntry> entries = opts.option_entries();
-    EXPECT_EQ(std::string(find_entry(entries, "rpmb")->description),
-              "The RPMB device to use, or base name of a simulated\n" + kIndent +
-                  "RPMB created with rpmbsim; default is\n" + kIndent + "/dev/mmcblk0rpmb");
-    EXPECT_EQ(std::string(find_entry(entries, "protocol")->description),
-              "Add PROTO to the list of advertised protocols.\n" + kIndent +
-                  "If this options is used the protocol list from the\n" + kIndent +
-                  "branding is ignored.");
-    EXPECT_STREQ(find_entry(entries, "force-new-cert")->description,
-                 "Force to obtain a new certificate, for testing only.\n");
-    EXPECT_STREQ(find_entry(entries, "no-daemon")->description, "Do not daemonize.");
-    EXPECT_EQ(std::string(find_entry(entries, "debug")->description),
-              "Enable debugging messages. When not daemonizing it\n" + kIndent +
-                  "sets G_MESSAGES_DEBUG to 'all', if not yet set.");
-}
 
 TEST(CliOptsParse, DefaultsWhenNothingIsGiven) {
     CliOpts opts;
@@ -394,7 +290,7 @@ TEST_F(CliOptsInfoTest, MissingFirmwareVersionIsOnlyAWarning) {
 }
 
 TEST_F(CliOptsInfoTest, InvalidBrandingStopsEverything) {
-    for (const std::string& path : {write_branding("{}"), dir + "/missing.json"}) {
+    for (const std::string& path : {write_branding("{}"), tmp.file("missing.json")}) {
         log.clear();
         EnrollerInfo info;
         EXPECT_FALSE(init({"--branding=" + path, "--base-url=http://h"}, info));

@@ -11,34 +11,7 @@
 #include <vector>
 
 #include "GLibPtr.h"
-
-// A private scratch directory, removed with its files when the object goes.
-class TempDir {
-  public:
-    TempDir() {
-        GError* err = nullptr;
-        std::unique_ptr<char, GFreeDeleter> dir(g_dir_make_tmp("zelcrypto-XXXXXX", &err));
-        std::unique_ptr<GError, GErrorDeleter> owned(err);
-        if (dir)
-            path = dir.get();
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        if (path.empty())
-            return;
-        if (GDir* const dir = g_dir_open(path.c_str(), 0, nullptr)) {
-            while (const char* name = g_dir_read_name(dir))
-                g_unlink(file(name).c_str());
-            g_dir_close(dir);
-        }
-        g_rmdir(path.c_str());
-    }
-
-    std::string file(const std::string& name) const { return path + "/" + name; }
-
-    std::string path;
-};
+#include "TempDir.h"
 
 // Runs a command with its time bounded; returns true when it exits with status 0.
 inline bool run_command(std::initializer_list<std::string> args, std::string* out = nullptr,

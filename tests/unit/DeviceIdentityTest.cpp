@@ -6,37 +6,23 @@
 
 #include "DeviceIdentity.h"
 #include "LogCapture.h"
+#include "TempDir.h"
 
 namespace {
 
 class DeviceIdentityTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char* path = g_dir_make_tmp("identity-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
-    }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
     std::string write(const char* name, const std::string& contents) {
-        const std::string path = dir + "/" + name;
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
+        return tmp.write(name, contents);
     }
-    std::string missing(const char* name) const { return dir + "/" + name; }
+    std::string missing(const char* name) const { return tmp.file(name); }
 
     std::string identifier(const std::string& contents, const char* key = "ZEL_SN") {
         const std::string path = write("identifiers", contents);
         return read_corvanta_identifier_from(path.c_str(), key);
     }
 
-    std::string dir;
-    std::vector<std::string> files;
+    TempDir tmp;
 };
 
 }  // namespace
@@ -82,7 +68,7 @@ TEST_F(DeviceIdentityTest, KeyMatchingAndFirstNonEmptyValue) {
 TEST_F(DeviceIdentityTest, UnreadableFilesAreCritical) {
     LogCapture log;
     // a directory opens but cannot be read as lines
-    EXPECT_EQ(read_corvanta_identifier_from(dir.c_str(), "ZEL_SN"), "");
+    EXPECT_EQ(read_corvanta_identifier_from(tmp.path.c_str(), "ZEL_SN"), "");
     EXPECT_TRUE(log.loggedPrefix(G_LOG_LEVEL_CRITICAL, "error reading identifiers file: "))
         << log.dump();
 

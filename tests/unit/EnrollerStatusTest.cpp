@@ -19,6 +19,7 @@
 #include "GLibPtr.h"
 #include "LogCapture.h"
 #include "SysUtils.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -49,20 +50,8 @@ void at_stable_second(F check) {
 class StatusFile : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::unique_ptr<char, GFreeDeleter> tmp(g_dir_make_tmp("enroller-status-XXXXXX", nullptr));
-        ASSERT_TRUE(tmp);
-        dir = tmp.get();
-        path = dir + "/status";
-    }
-    void TearDown() override {
-        if (dir.empty())
-            return;
-        if (GDir* d = g_dir_open(dir.c_str(), 0, nullptr)) {
-            while (const char* name = g_dir_read_name(d))
-                g_remove((dir + "/" + name).c_str());
-            g_dir_close(d);
-        }
-        g_rmdir(dir.c_str());
+        dir = tmp.path;
+        path = tmp.file("status");
     }
 
     std::string contents() const {
@@ -76,6 +65,7 @@ class StatusFile : public ::testing::Test {
         return g_file_test(name.c_str(), G_FILE_TEST_EXISTS);
     }
 
+    TempDir tmp;
     std::string dir;
     std::string path;
 };

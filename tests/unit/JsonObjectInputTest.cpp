@@ -6,6 +6,7 @@
 
 #include "JsonObjectInput.h"
 #include "LogCapture.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -19,29 +20,6 @@ GLibPtr<JsonNode> parse(const char* text) {
     EXPECT_TRUE(json_parser_load_from_data(parser.get(), text, -1, nullptr)) << text;
     return GLibPtr<JsonNode>::ref(json_parser_get_root(parser.get()));
 }
-
-class TempDir : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char* path = g_dir_make_tmp("jsoninput-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
-    }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
-    std::string write(const char* name, const std::string& contents) {
-        const std::string path = dir + "/" + name;
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
-    }
-    std::string dir;
-    std::vector<std::string> files;
-};
 
 }  // namespace
 
@@ -68,17 +46,18 @@ TEST(JsonObjectInputConstruct, BufferParseFailureAndEmptyBuffer) {
     EXPECT_EQ(out, "x");
 }
 
-TEST_F(TempDir, FileConstructorMessages) {
-    const std::string missing = dir + "/missing.json";
+TEST(JsonObjectInputConstruct, FileConstructorMessages) {
+    const TempDir tmp;
+    const std::string missing = tmp.file("missing.json");
     JsonObjectInput none(missing.c_str());
     EXPECT_EQ(error_of(none).rfind("failed to parse JSON from file " + missing + ": ", 0), 0u)
         << error_of(none);
 
-    const std::string empty = write("empty.json", "");
+    const std::string empty = tmp.write("empty.json", "");
     JsonObjectInput blank(empty.c_str());
     EXPECT_EQ(error_of(blank), "JSON file " + empty + " is empty");
 
-    const std::string good = write("good.json", "{\"k\": [\"v\"]}");
+    const std::string good = tmp.write("good.json", "{\"k\": [\"v\"]}");
     JsonObjectInput in(good.c_str());
     std::string value;
     ASSERT_TRUE(in.openMemberChild("k", true));

@@ -7,6 +7,7 @@
 #include "JsonObjectInput.h"
 #include "JsonObjectOutput.h"
 #include "LogCapture.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -112,11 +113,8 @@ TEST(JsonObjectOutput, RefusedStepsLatchTheFailure) {
 }
 
 TEST(JsonObjectOutput, SaveReportsBadStateAndWriteErrors) {
-    char* raw_dir = g_dir_make_tmp("jsonoutput-XXXXXX", nullptr);
-    ASSERT_NE(raw_dir, nullptr);
-    const std::string dir = raw_dir;
-    g_free(raw_dir);
-    const std::string path = dir + "/doc.json";
+    const TempDir tmp;
+    const std::string path = tmp.file("doc.json");
 
     JsonObjectOutput out;
     out.addProperty("k", "v");
@@ -135,13 +133,10 @@ TEST(JsonObjectOutput, SaveReportsBadStateAndWriteErrors) {
     EXPECT_TRUE(in.readMember("k", &value, true));
     EXPECT_EQ(value, "v");
 
-    const std::string unwritable = dir + "/missing/doc.json";
+    const std::string unwritable = tmp.file("missing/doc.json");
     EXPECT_FALSE(out.save(unwritable.c_str(), &error));
     EXPECT_FALSE(error.empty());
     EXPECT_NE(error, "bad JsonObjectOutput state");
-
-    g_unlink(path.c_str());
-    g_rmdir(dir.c_str());
 }
 
 TEST(JsonObjectOutput, StreamOutput) {

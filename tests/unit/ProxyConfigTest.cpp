@@ -9,27 +9,15 @@
 #include "GLibPtr.h"
 #include "LogCapture.h"
 #include "ProxyConfig.h"
+#include "TempDir.h"
 
 namespace {
 
 class ProxyConfigTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char* path = g_dir_make_tmp("proxy-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
-    }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
+    // Writes `contents` to a new file of the test's directory.
     std::string write(const std::string& contents) {
-        const std::string path = dir + "/proxy-" + std::to_string(files.size()) + ".conf";
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
+        return tmp.write("file-" + std::to_string(++written), contents);
     }
     // A file with one proxy element carrying `attributes`.
     std::string proxy_file(const std::string& attributes) {
@@ -42,8 +30,8 @@ class ProxyConfigTest : public ::testing::Test {
         return config;
     }
 
-    std::string dir;
-    std::vector<std::string> files;
+    TempDir tmp;
+    int written = 0;
     LogCapture log;
 };
 
@@ -92,7 +80,7 @@ TEST_F(ProxyConfigTest, ReadsTheLastProxyElementsAttributes) {
 }
 
 TEST_F(ProxyConfigTest, MissingFileMeansNoProxyAndNoError) {
-    const std::string missing = dir + "/nothing.conf";
+    const std::string missing = tmp.file("nothing.conf");
     ProxyConfig config = enabled_config("stale", 8080, "stale", "stale");
     ASSERT_TRUE(config.load(missing.c_str()));
     EXPECT_FALSE(config.enabled);

@@ -8,30 +8,17 @@
 
 #include "GLibPtr.h"
 #include "SysUtils.h"
+#include "TempDir.h"
 
 namespace {
 
 class SysUtilsFiles : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char* path = g_dir_make_tmp("sysutils-XXXXXX", nullptr);
-        ASSERT_NE(path, nullptr);
-        dir = path;
-        g_free(path);
-    }
-    void TearDown() override {
-        for (const std::string& file : files)
-            g_unlink(file.c_str());
-        g_rmdir(dir.c_str());
-    }
     std::string write(const char* name, const std::string& contents) {
-        const std::string path = dir + "/" + name;
-        EXPECT_TRUE(g_file_set_contents(path.c_str(), contents.data(), contents.size(), nullptr));
-        files.push_back(path);
-        return path;
+        return tmp.write(name, contents);
     }
-    std::string dir;
-    std::vector<std::string> files;
+    TempDir tmp;
+    const std::string& dir = tmp.path;
 };
 
 std::string dump(const unsigned char* data, size_t length, bool ascii) {
