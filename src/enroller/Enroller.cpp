@@ -39,6 +39,7 @@ const char* request_path(Enroller::Request kind) {
 }
 
 using CharPtr = std::unique_ptr<char, GFreeDeleter>;
+using ErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
 
 }  // namespace
 
@@ -204,12 +205,12 @@ void Enroller::handle_body(SoupMessage* msg) {
         return;
     }
 
-    GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* error = nullptr;
+    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
+    GError* raw_error = nullptr;
     if (!json_parser_load_data_checked(parser.get(), msg->response_body->data,
-                                       msg->response_body->length, &error)) {
+                                       msg->response_body->length, &raw_error)) {
+        const ErrorPtr error(raw_error);
         g_warning("parsing failed: %s", error->message);
-        g_error_free(error);
         return;
     }
     JsonNode* root = json_parser_get_root(parser.get());
@@ -551,26 +552,23 @@ bool Enroller::save_service_config(const char* name, GLibPtr<JsonNode> node, std
         return false;
     };
 
-    CharPtr dir(g_build_filename(info->services_dir.c_str(), name, nullptr));
-    GLibPtr<GFile> dirFile(g_file_new_for_path(dir.get()));
-    GError* gerror = nullptr;
-    if (!g_file_make_directory(dirFile.get(), nullptr, &gerror)) {
-        if (!g_error_matches(gerror, G_IO_ERROR, G_IO_ERROR_EXISTS)) {
-            fail(gerror->message);
-            g_error_free(gerror);
-            return false;
-        }
-        g_clear_error(&gerror);
+    const CharPtr dir(g_build_filename(info->services_dir.c_str(), name, nullptr));
+    const GLibPtr<GFile> dirFile(g_file_new_for_path(dir.get()));
+    GError* raw_error = nullptr;
+    if (!g_file_make_directory(dirFile.get(), nullptr, &raw_error)) {
+        const ErrorPtr error(raw_error);
+        if (!g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_EXISTS))
+            return fail(error->message);
     }
 
-    CharPtr path(g_build_filename(dir.get(), "service.json", nullptr));
-    GLibPtr<JsonGenerator> generator(json_generator_new());
+    const CharPtr path(g_build_filename(dir.get(), "service.json", nullptr));
+    const GLibPtr<JsonGenerator> generator(json_generator_new());
     json_generator_set_pretty(generator.get(), TRUE);
     json_generator_set_root(generator.get(), node.get());
-    if (!json_generator_to_file(generator.get(), path.get(), &gerror)) {
-        fail(gerror->message);
-        g_error_free(gerror);
-        return false;
+    raw_error = nullptr;
+    if (!json_generator_to_file(generator.get(), path.get(), &raw_error)) {
+        const ErrorPtr error(raw_error);
+        return fail(error->message);
     }
     // the enrollment is acknowledged as saved only once the file is on storage
     if (!fsync_file(path.get()))
@@ -579,23 +577,24 @@ bool Enroller::save_service_config(const char* name, GLibPtr<JsonNode> node, std
 }
 
 bool Enroller::update_fs_flags(const EnrollerInfo& info) {
-    CharPtr path(g_build_filename(info.services_dir.c_str(), "_DISABLED", nullptr));
-    GLibPtr<GFile> file(g_file_new_for_path(path.get()));
-    GError* error = nullptr;
+    const CharPtr path(g_build_filename(info.services_dir.c_str(), "_DISABLED", nullptr));
+    const GLibPtr<GFile> file(g_file_new_for_path(path.get()));
+    GError* raw_error = nullptr;
     if (info.disabled) {
-        GLibPtr<GFileOutputStream> out(
-            g_file_create(file.get(), G_FILE_CREATE_NONE, nullptr, &error));
-        if (!out && !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_EXISTS)) {
+        const GLibPtr<GFileOutputStream> out(
+            g_file_create(file.get(), G_FILE_CREATE_NONE, nullptr, &raw_error));
+        const ErrorPtr error(raw_error);
+        if (!out && !g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_EXISTS)) {
             g_critical("failed to create disabled services file: %s", error->message);
-            g_error_free(error);
             return false;
         }
-    } else if (!g_file_delete(file.get(), nullptr, &error) &&
-               !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NOT_FOUND)) {
+        return true;
+    }
+    const bool deleted = g_file_delete(file.get(), nullptr, &raw_error);
+    const ErrorPtr error(raw_error);
+    if (!deleted && !g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_NOT_FOUND)) {
         g_critical("failed to remove disabled services file: %s", error->message);
-        g_error_free(error);
         return false;
     }
-    g_clear_error(&error);
     return true;
 }
