@@ -63,7 +63,10 @@ def test_non_empty_acknowledge_answer_still_completes(sandbox, start_daemon, ser
         r"length \d+, content-type application/json\)$") == 1
 
 
-@pytest.mark.parametrize("retry,low,high", [("0", 0.0, 0.7), ("3", 2.9, 4.3)])
+# GLib's second-granularity timers may fire up to a quarter second before their interval is
+# over, and the spacing counts from when the daemon queued the previous request, a little
+# before the server saw it: hence the slack below the spacing.
+@pytest.mark.parametrize("retry,low,high", [("0", 0.0, 0.7), ("3", 2.7, 4.3)])
 def test_expired_callback_data_restarts_after_the_spacing(sandbox, start_daemon, server,
                                                           retry, low, high):
     server.inject("/CSRVerify", Fault.error(410, "CallbackDataExpiredException"))
@@ -132,7 +135,8 @@ def test_retry_backoff(sandbox, start_daemon, server):
     assert [m for m, _ in announced[:4]] == [1, 2, 4, 8]
     for multiplier, delay in announced:
         assert 1 <= delay <= 1 + multiplier
-    # Each attempt comes when the previous one said it would (second-granularity timers).
+    # Each attempt comes when the previous one said it would (second-granularity timers, which
+    # may fire up to a quarter second early).
     times = [r.time for r in server.requests]
     for (_, delay), gap in zip(announced, (b - a for a, b in zip(times, times[1:]))):
-        assert delay - 0.1 <= gap <= delay + 1.2
+        assert delay - 0.3 <= gap <= delay + 1.2
