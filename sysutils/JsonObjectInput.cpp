@@ -13,10 +13,12 @@ constexpr size_t kJsonMaxBrackets = 8192;
 
 // Scans the text the way json-glib's scanner splits it into strings ("..." with escapes,
 // '...' without), comments (/*...*/ and /.../) and structure, and returns the text of the
-// reason when the brackets could nest too deeply for the parser.
-const char* nesting_problem(const char* data, size_t length) {
-    size_t brackets = 0;
+// reason when the parser must not see it: brackets that could nest too deeply for its
+// recursion, or an object or array after the top-level value, which json-glib accepts,
+// ignores and leaks (other trailing values it refuses itself).
+const char* structure_problem(const char* data, size_t length) {
     unsigned depth = 0;
+    bool top_value_seen = false;
     for (size_t i = 0; i < length; ++i) {
         const char c = data[i];
         switch (c) {
@@ -25,10 +27,12 @@ const char* nesting_problem(const char* data, size_t length) {
                     if (data[i] == '\\')
                         ++i;
                 }
+                top_value_seen = true;
                 break;
             case '\'':
                 for (++i; i < length && data[i] != '\''; ++i) {
                 }
+                top_value_seen = true;
                 break;
             case '/':
                 if (i + 1 < length && data[i + 1] == '*') {
@@ -42,18 +46,24 @@ const char* nesting_problem(const char* data, size_t length) {
                 break;
             case '[':
             case '{':
+                if (depth == 0 && top_value_seen)
+                    return "JSON document holds more than one top-level value";
                 if (++depth > kJsonMaxNesting)
                     return "JSON values are nested too deeply";
                 break;
             case ']':
             case '}':
-                if (depth > 0)
-                    --depth;
+                if (depth > 0 && --depth == 0)
+                    top_value_seen = true;
                 break;
             default:
+                // The start of a number or a literal; a byte order mark is no value.
+                if (g_ascii_isalnum(c) || c == '-')
+                    top_value_seen = true;
                 break;
         }
     }
+    size_t brackets = 0;
     for (size_t i = 0; i < length; ++i) {
         if (data[i] == '[' || data[i] == '{')
             ++brackets;
@@ -61,8 +71,8 @@ const char* nesting_problem(const char* data, size_t length) {
     return brackets > kJsonMaxBrackets ? "JSON document holds too many brackets" : nullptr;
 }
 
-bool check_nesting(const char* data, size_t length, GError** error) {
-    const char* problem = nesting_problem(data, length);
+bool check_structure(const char* data, size_t length, GError** error) {
+    const char* problem = structure_problem(data, length);
     if (!problem)
         return true;
     g_set_error_literal(error, JSON_PARSER_ERROR, JSON_PARSER_ERROR_PARSE, problem);
@@ -132,7 +142,7 @@ std::string element_suffix(unsigned index) {
 
 bool json_parser_load_data_checked(JsonParser* parser, const char* data, long length,
                                    GError** error) {
-    if (data && !check_nesting(data, length < 0 ? strlen(data) : length, error))
+    if (data && !check_structure(data, length < 0 ? strlen(data) : length, error))
         return false;
     return json_parser_load_from_data(parser, data, length, error);
 }
@@ -143,7 +153,7 @@ bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError*
     // An unreadable file is left to the parser, which reports it in its own words.
     if (g_file_get_contents(path, &raw, &length, nullptr)) {
         const std::unique_ptr<char, GFreeDeleter> contents(raw);
-        if (!check_nesting(contents.get(), length, error))
+        if (!check_structure(contents.get(), length, error))
             return false;
     }
     return json_parser_load_from_file(parser, path, error);
@@ -440,7 +450,9 @@ bool JsonObjectInput::getRelativeNode(const std::string& suffix, GLibPtr<JsonNod
     if (!query_error && result && JSON_NODE_HOLDS_ARRAY(result.get())) {
         JsonArray* matches = json_node_get_array(result.get());
         if (json_array_get_length(matches) == 1) {
-            out.reset(json_node_copy(json_array_get_element(matches, 0)));
+            // A deep copy: a shallow one would share children whose parent links lead into
+            // this reader's tree, which goes with the reader.
+            out.reset(copy_tree(json_array_get_element(matches, 0)));
             return true;
         }
         addError(g_strdup("internal error: multiple or no results"));

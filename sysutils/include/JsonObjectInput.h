@@ -16,7 +16,8 @@
 constexpr unsigned kJsonMaxNesting = 512;
 
 // Drop-in replacements for json_parser_load_from_data / json_parser_load_from_file that
-// first refuse documents nested deeper than kJsonMaxNesting (a JSON_PARSER_ERROR).
+// first refuse (with a JSON_PARSER_ERROR) documents nested deeper than kJsonMaxNesting and
+// documents with more than one top-level value, which json-glib would partly ignore.
 bool json_parser_load_data_checked(JsonParser* parser, const char* data, long length,
                                    GError** error);
 bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError** error);

@@ -38,7 +38,7 @@ def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     # The service is stored exactly as sent, pretty-printed, and its certificate is the one
     # issued for the device key.
     sent = server.sent_services[-1]["aws-iot"]
-    assert stored_service(sandbox) == sent
+    assert stored_service(sandbox) == sent and list(stored_service(sandbox)) == list(sent)
     assert "\n  " in (sandbox.services_dir / "aws-iot" / "service.json").read_text()
     cert = subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=sent["certificate"],
                           capture_output=True, text=True, check=True).stdout

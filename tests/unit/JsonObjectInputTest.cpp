@@ -344,6 +344,23 @@ TEST(JsonObjectInputNodes, MemberAndElementNodes) {
     EXPECT_TRUE(JSON_NODE_HOLDS_OBJECT(node.get()));  // failed lookups keep the old node
 }
 
+TEST(JsonObjectInputNodes, KeptNodeOutlivesItsReader) {
+    GLibPtr<JsonNode> kept;
+    {
+        JsonObjectInput in(R"({"svc": {"certificate": "PEM", "a": {"b": {"c": 1}}}})", -1);
+        ASSERT_TRUE(in.readMember("svc", kept, true));
+    }
+    // A reader of the kept node steps back out through its own parent links.
+    const GLibPtr<JsonReader> reader(json_reader_new(kept.get()));
+    for (const char* name : {"a", "b", "c"})
+        ASSERT_TRUE(json_reader_read_member(reader.get(), name)) << name;
+    EXPECT_EQ(json_reader_get_int_value(reader.get()), 1);
+    for (int i = 0; i < 3; ++i)
+        json_reader_end_member(reader.get());
+    ASSERT_TRUE(json_reader_read_member(reader.get(), "certificate"));
+    EXPECT_STREQ(json_reader_get_string_value(reader.get()), "PEM");
+}
+
 TEST(JsonObjectInputNodes, OddMemberNamesFailThePathLookup) {
     for (const char* doc : {R"({"it's": 1})", R"({"a']b": 1})", R"({"x']['y": 1})"}) {
         LogCapture log;
@@ -395,6 +412,22 @@ TEST(JsonObjectInputHostile, DeepNestingIsRefusedWithoutCrashing) {
     ok += "1" + std::string(100, '}');
     JsonObjectInput fine(ok.c_str(), -1);
     EXPECT_FALSE(fine.failed()) << error_of(fine);
+}
+
+TEST(JsonObjectInputHostile, OnlyOneTopLevelValue) {
+    // json-glib would take the first value, drop the rest and leak it.
+    for (const char* doc : {"{}{}", "{\"a\": 1} {\"b\": []}", "[1][2]", "\"x\"{}", "1{}"}) {
+        JsonObjectInput in(doc, -1);
+        EXPECT_EQ(error_of(in),
+                  "failed to parse JSON from data buffer: JSON document holds more "
+                  "than one top-level value")
+            << doc;
+    }
+    for (const char* doc :
+         {"{} /* trailing comment */", "\xef\xbb\xbf{\"a\": \"}{\"}", " [ {} ] "}) {
+        JsonObjectInput in(doc, -1);
+        EXPECT_FALSE(in.failed()) << doc << ": " << error_of(in);
+    }
 }
 
 TEST(JsonObjectInputHostile, HugeArraysAndWrongShapes) {
