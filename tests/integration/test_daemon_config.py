@@ -121,12 +121,6 @@ def test_disabled_marker_needs_the_services_dir(sandbox, start_daemon):
     start_and_stop(start_daemon, sandbox.args("--enable", f"--services-dir={missing}"))
 
 
-def test_trailing_slashes_of_the_services_dir_are_harmless(sandbox, start_daemon):
-    start_and_stop(start_daemon, sandbox.args("--disable",
-                                              f"--services-dir={sandbox.services_dir}///"))
-    assert sandbox.disabled_marker.exists()
-
-
 # Identity read from the system, through fixture files in a private mount namespace; the
 # "/initiate" request shows what the daemon made of them.
 

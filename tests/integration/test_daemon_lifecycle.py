@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from zeltest import PID_FILE_NAME, message_re, process_alive, read_pid_file, wait_until
+from zeltest import PID_FILE_NAME, message_re, process_alive, read_pid_file
 
 TERMINATING = message_re("terminating on signal")
 
@@ -44,15 +44,6 @@ def test_daemon_starts_and_is_killed(sandbox, start_daemon):
 
 
 @pytest.mark.root
-def test_daemon_child_applies_the_configuration(sandbox, start_daemon):
-    daemon = start_daemon(sandbox.args("--disable"), daemonize=True, pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 0, daemon.output()
-    daemon.wait_ready()
-    assert sandbox.disabled_marker.exists()
-    assert daemon.stop() == 0
-
-
-@pytest.mark.root
 def test_kill_without_a_running_daemon_fails(sandbox, start_daemon):
     daemon = start_daemon(sandbox.args("--kill"), daemonize=True, pid_dir=sandbox.pid_dir)
     assert daemon.wait_exit() == 1
@@ -82,29 +73,3 @@ def test_parent_reports_a_child_failing_after_the_fork(sandbox, start_daemon):
     assert daemon.wait_exit() == 1
     daemon.wait_for_log(r"zelenrolld\[\d+\]: forked daemon failed \(1\)$")
     assert not (sandbox.pid_dir / PID_FILE_NAME).exists()
-
-
-@pytest.mark.root
-def test_checks_fail_before_forking(sandbox, start_daemon):
-    daemon = start_daemon(sandbox.args(f"--key={sandbox.root}"), daemonize=True,
-                          pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 1
-    daemon.wait_for_log(
-        message_re(f"key file '{sandbox.root}' does not exist or is not a file"))
-    assert "forked" not in daemon.output()
-    assert not (sandbox.pid_dir / PID_FILE_NAME).exists()
-
-
-@pytest.mark.root
-def test_stale_pid_file_does_not_block_a_start(sandbox, start_daemon):
-    # A PID that is surely not running any more: a finished child of ours.
-    pid = os.fork()
-    if pid == 0:
-        os._exit(0)
-    os.waitpid(pid, 0)
-    (sandbox.pid_dir / PID_FILE_NAME).write_text(f"{pid}\n")
-    daemon = start_daemon(sandbox.args(), daemonize=True, pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 0, daemon.output()
-    assert daemon.wait_ready() != pid
-    assert daemon.stop() == 0
-    assert wait_until(lambda: not (sandbox.pid_dir / PID_FILE_NAME).exists(), 2)

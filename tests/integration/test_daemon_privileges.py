@@ -24,17 +24,6 @@ def test_runs_as_the_user_with_only_cap_sys_rawio_permitted(nobody_sandbox, star
     assert daemon.stop() == 0
 
 
-def test_daemon_mode_runs_as_the_user_too(nobody_sandbox, start_daemon):
-    daemon = start_daemon(nobody_sandbox.args(user="nobody"), daemonize=True,
-                          pid_dir=nobody_sandbox.pid_dir)
-    assert daemon.wait_exit() == 0, daemon.output()
-    daemon.wait_ready()
-    status = daemon.status()
-    assert status["Uid"].split()[0] == str(pwd.getpwnam("nobody").pw_uid)
-    assert (status["CapPrm"], status["CapEff"]) == ("0000000000020000", "0000000000000000")
-    assert daemon.stop() == 0
-
-
 def test_without_user_switch_root_keeps_only_cap_sys_rawio(sandbox, start_daemon):
     daemon = start_daemon(sandbox.args())
     daemon.wait_ready()

@@ -87,12 +87,3 @@ def test_tls_enrollment_with_trusted_ca(sandbox, start_daemon, tls_server):
                           mounts={"/etc/ssl/certs/ca-certificates.crt": bundle})
     daemon.wait_for_message(DONE, timeout=15)
     assert len(tls_server.requests) == 3
-
-
-def test_unusable_proxy_port_goes_direct(sandbox, start_daemon, server):
-    conf = proxy_file(sandbox, port=65535)
-    daemon = start_daemon(sandbox.args(f"--proxy={conf}", "--retry=0",
-                                       base_url=proxied_url(server)))
-    # Direct: the invented host name cannot be resolved.
-    daemon.wait_for_log(r"failed to connect \(2\): ")
-    assert server.requests == []

@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include <glib.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Certificate.h"
+#include "CertificateSignRequest.h"
+#include "Key.h"
+#include "TempDir.h"
+
+namespace {
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+
+// Runs a command with its time bounded; true when it exits with status 0. `out` gets its
+// standard output followed by its standard error.
+bool run(std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), {"timeout", "60"});
+    std::vector<char*> argv;
+    for (std::string& arg : args)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    char* std_out = nullptr;
+    char* std_err = nullptr;
+    int status = 0;
+    const bool ok = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
+                                 nullptr, &std_out, &std_err, &status, nullptr) &&
+                    g_spawn_check_wait_status(status, nullptr);
+    if (out)
+        *out = std::string(std_out ? std_out : "") + (std_err ? std_err : "");
+    g_free(std_out);
+    g_free(std_err);
+    return ok;
+}
+
+// The alternative serials stay out of the subject.
+const DeviceInfo kDevice{"SN 42-A",  "Model 7. Pro", "Acme, Inc.", "user-sn",
+                         "board-sn", "system-sn",    "chassis-sn"};
+
+class CryptoTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        dir = std::make_unique<TempDir>();
+        ASSERT_FALSE(dir->path.empty());
+        ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
+                         "rsa_keygen_bits:2048", "-out", path("rsa.key")}));
+        for (const char* name : {"ec.key", "ec2.key"})
+            ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
+                             "ec_paramgen_curve:P-256", "-out", path(name)}));
+        ASSERT_TRUE(run({"openssl", "req", "-x509", "-new", "-key", path("ec.key"), "-subj",
+                         "/CN=ec", "-days", "1", "-out", path("ec.pem")}));
+        dir->write("garbage.key", "not a key\n");
+        ASSERT_TRUE(run({"openssl", "pkey", "-in", path("ec.key"), "-aes128", "-passout",
+                         "pass:secret", "-out", path("encrypted.key")}));
+    }
+    static void TearDownTestSuite() { dir.reset(); }
+
+    static std::string path(const char* name) { return dir->file(name); }
+    // The public key as the openssl tool derives it from the key file.
+    static std::string public_pem(const char* key) {
+        std::string pem;
+        EXPECT_TRUE(run({"openssl", "pkey", "-in", path(key), "-pubout"}, &pem)) << pem;
+        return pem;
+    }
+
+    static std::unique_ptr<TempDir> dir;
+};
+
+std::unique_ptr<TempDir> CryptoTest::dir;
+
+TEST_F(CryptoTest, ToolVerifiesRequestForRsaAndEcKeys) {
+    for (const char* key : {"rsa.key", "ec.key"}) {
+        SCOPED_TRACE(key);
+        CertificateSignRequest csr;
+        ASSERT_TRUE(csr.create(path(key).c_str(), kDevice)) << csr.error;
+        const std::string req = dir->write("req.pem", csr.get_pem());
+        std::string text;
+        ASSERT_TRUE(
+            run({"openssl", "req", "-in", req, "-verify", "-noout", "-text", "-pubkey"}, &text))
+            << text;
+        const bool rsa = key[0] == 'r';
+        // entries in this order, each its own RDN (a shared one prints "+"), values whole
+        for (const std::string& part :
+             {std::string("verify OK"), std::string("Version: 1 (0x0)"),
+              std::string("Subject: O = \"Acme, Inc.\", OU = ZelPlayer, dnQualifier = Model 7. "
+                          "Pro, CN = SN 42-A, serialNumber = SN 42-A\n"),
+              std::string("Signature Algorithm: ") +
+                  (rsa ? "sha256WithRSAEncryption" : "ecdsa-with-SHA256"),
+              public_pem(key)})
+            EXPECT_NE(text.find(part), std::string::npos) << part << "\nnot in:\n" << text;
+    }
+}
+
+TEST_F(CryptoTest, RequestWithoutKeyNestsTheKeyMessage) {
+    CertificateSignRequest csr;
+    EXPECT_EQ(csr.get_pem(), "");
+    EXPECT_EQ(csr.error, "no certificate signing request loaded");
+
+    const std::string missing = path("missing.key");
+    EXPECT_FALSE(csr.create(missing.c_str(), kDevice));
+    EXPECT_EQ(csr.error, "failed to load private key file '" + missing +
+                             "': failed to open private key file '" + missing + ": " +
+                             g_strerror(ENOENT));
+    EXPECT_FALSE(csr.req);
+
+    const std::string garbage = path("garbage.key");
+    EXPECT_FALSE(csr.create(garbage.c_str(), kDevice));
+    EXPECT_TRUE(starts_with(csr.error, "failed to load private key file '" + garbage + "': error:"))
+        << csr.error;
+    EXPECT_FALSE(csr.req);
+}
+
+TEST_F(CryptoTest, KeyPublicPemAndFailedLoads) {
+    Key key;
+    EXPECT_EQ(key.get_public_pem(), "");
+    EXPECT_EQ(key.error, "no key loaded");
+    for (const char* name : {"rsa.key", "ec.key"}) {
+        ASSERT_TRUE(key.load_private_pem(path(name).c_str())) << key.error;
+        EXPECT_EQ(key.get_public_pem(), public_pem(name));
+    }
+
+    const std::string missing = path("missing.key");
+    EXPECT_FALSE(key.load_private_pem(missing.c_str()));
+    EXPECT_EQ(key.error, "failed to open private key file '" + missing + ": " + g_strerror(ENOENT));
+    EXPECT_FALSE(key.pkey);
+
+    // a failed load discards the key held before
+    ASSERT_TRUE(key.load_private_pem(path("ec.key").c_str()));
+    EXPECT_FALSE(key.load_private_pem(path("garbage.key").c_str()));
+    EXPECT_TRUE(starts_with(key.error, "error:")) << key.error;
+    EXPECT_FALSE(key.pkey);
+    EXPECT_EQ(key.get_public_pem(), "");
+    // nobody is there to give a pass phrase: fail rather than prompt
+    EXPECT_FALSE(key.load_private_pem(path("encrypted.key").c_str()));
+}
+
+TEST_F(CryptoTest, CertificateMatchesOnlyItsKey) {
+    Certificate cert;
+    EXPECT_FALSE(cert.check_private_key(path("ec.key").c_str()));
+    EXPECT_EQ(cert.error, "no certificate loaded");
+
+    ASSERT_TRUE(cert.load_pem_file(path("ec.pem").c_str())) << cert.error;
+    Key key;
+    ASSERT_TRUE(key.load_private_pem(path("ec.key").c_str()));
+    EXPECT_TRUE(cert.check_private_key(key)) << cert.error;
+    EXPECT_TRUE(cert.check_private_key(path("ec.key").c_str())) << cert.error;
+
+    // a key of the same type with other values, and a key of another type
+    for (const char* other : {"ec2.key", "rsa.key"}) {
+        EXPECT_FALSE(cert.check_private_key(path(other).c_str())) << other;
+        EXPECT_TRUE(starts_with(cert.error, "cert and private key mismatch: ")) << cert.error;
+    }
+}
+
+}  // namespace
