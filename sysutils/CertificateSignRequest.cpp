@@ -41,6 +41,12 @@ bool CertificateSignRequest::create(const char* key_file, const DeviceInfo& info
         error = std::string("failed to load private key file '") + key_file + "': " + key.error;
         return false;
     }
+    return create(key, info);
+}
+
+bool CertificateSignRequest::create(const Key& key, const DeviceInfo& info) {
+    ERR_clear_error();
+    clear();
 
     const EVP_MD* const md = EVP_get_digestbyname("SHA256");
     if (!md) {

@@ -37,10 +37,10 @@ std::string time_stamp() {
     if (!raw_now)
         return std::string();
     const std::unique_ptr<GDateTime, void (*)(GDateTime*)> now(raw_now, g_date_time_unref);
-    const std::unique_ptr<char, GFreeDeleter> seconds(g_date_time_format(now.get(), "%F %T"));
+    const GCharPtr seconds(g_date_time_format(now.get(), "%F %T"));
     if (!seconds)
         return std::string();
-    const std::unique_ptr<char, GFreeDeleter> stamp(
+    const GCharPtr stamp(
         g_strdup_printf("%s.%03i", seconds.get(), g_date_time_get_microsecond(now.get()) / 1000));
     return stamp.get();
 }

@@ -152,7 +152,7 @@ bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError*
     gsize length = 0;
     // An unreadable file is left to the parser, which reports it in its own words.
     if (g_file_get_contents(path, &raw, &length, nullptr)) {
-        const std::unique_ptr<char, GFreeDeleter> contents(raw);
+        const GCharPtr contents(raw);
         if (!check_structure(contents.get(), length, error))
             return false;
     }
@@ -164,7 +164,7 @@ JsonObjectInput::JsonObjectInput(const char* data, long length) {
     GError* raw_error = nullptr;
     JsonNode* parsed = nullptr;
     if (!json_parser_load_data_checked(parser.get(), data, length, &raw_error)) {
-        const std::unique_ptr<GError, GErrorDeleter> parse_error(raw_error);
+        const GErrorPtr parse_error(raw_error);
         addError(g_strdup_printf("failed to parse JSON from data buffer: %s",
                                  parse_error ? parse_error->message : "unknown error"));
     } else if (!(parsed = json_parser_get_root(parser.get()))) {
@@ -178,7 +178,7 @@ JsonObjectInput::JsonObjectInput(const char* path) {
     GError* raw_error = nullptr;
     JsonNode* parsed = nullptr;
     if (!json_parser_load_file_checked(parser.get(), path, &raw_error)) {
-        const std::unique_ptr<GError, GErrorDeleter> parse_error(raw_error);
+        const GErrorPtr parse_error(raw_error);
         addError(g_strdup_printf("failed to parse JSON from file %s: %s", path,
                                  parse_error ? parse_error->message : "unknown error"));
     } else if (!(parsed = json_parser_get_root(parser.get()))) {
@@ -217,7 +217,7 @@ void JsonObjectInput::pushContext(const std::string& suffix) {
     std::set<std::string> names;
     uint32_t length = 0;
     if (json_reader_is_object(jreader)) {
-        const std::unique_ptr<char*, GStrvDeleter> list(json_reader_list_members(jreader));
+        const GStrvPtr list(json_reader_list_members(jreader));
         for (char** name = list.get(); name && *name; ++name)
             names.insert(*name);
     } else if (json_reader_is_array(jreader)) {
@@ -368,7 +368,7 @@ bool JsonObjectInput::readMember(const char* name, std::vector<unsigned char>* o
         addError(g_strdup_printf("member '%s' is not valid base64", name));
     } else {
         gsize length = 0;
-        const std::unique_ptr<guchar, GFreeDeleter> data(g_base64_decode(text, &length));
+        const GFreePtr<guchar> data(g_base64_decode(text, &length));
         out->assign(data.get(), data.get() + length);
         stored = true;
     }
@@ -446,7 +446,7 @@ bool JsonObjectInput::getRelativeNode(const std::string& suffix, GLibPtr<JsonNod
     GError* raw_error = nullptr;
     const GLibPtr<JsonNode> result(
         json_path_query((paths.back() + suffix).c_str(), root.get(), &raw_error));
-    const std::unique_ptr<GError, GErrorDeleter> query_error(raw_error);
+    const GErrorPtr query_error(raw_error);
     if (!query_error && result && JSON_NODE_HOLDS_ARRAY(result.get())) {
         JsonArray* matches = json_node_get_array(result.get());
         if (json_array_get_length(matches) == 1) {

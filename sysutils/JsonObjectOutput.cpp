@@ -35,7 +35,7 @@ void JsonObjectOutput::addValue(const unsigned char* data, unsigned long length)
         check(json_builder_add_null_value(builder.get()));
         return;
     }
-    const std::unique_ptr<char, GFreeDeleter> text(g_base64_encode(data, length));
+    const GCharPtr text(g_base64_encode(data, length));
     check(json_builder_add_string_value(builder.get(), text.get()));
 }
 
@@ -109,7 +109,7 @@ char* JsonObjectOutput::toString() const {
 }
 
 JsonObjectOutput::operator std::string() const {
-    const std::unique_ptr<char, GFreeDeleter> text(toString());
+    const GCharPtr text(toString());
     return text ? std::string(text.get()) : std::string();
 }
 
@@ -122,7 +122,7 @@ bool JsonObjectOutput::save(const char* path, std::string* error) const {
     }
     GError* raw_error = nullptr;
     if (!json_generator_to_file(generator.get(), path, &raw_error)) {
-        const std::unique_ptr<GError, GErrorDeleter> write_error(raw_error);
+        const GErrorPtr write_error(raw_error);
         if (error)
             *error = write_error ? write_error->message : "unknown error";
         return false;
@@ -131,7 +131,7 @@ bool JsonObjectOutput::save(const char* path, std::string* error) const {
 }
 
 std::ostream& operator<<(std::ostream& out, const JsonObjectOutput& doc) {
-    const std::unique_ptr<char, GFreeDeleter> text(doc.toString());
+    const GCharPtr text(doc.toString());
     if (text)
         out << text.get();
     // The newline goes out before a failure is flagged, which would suppress it.

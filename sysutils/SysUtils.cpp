@@ -38,7 +38,7 @@ G_GNUC_BEGIN_IGNORE_DEPRECATIONS
 std::string unix_time_to_iso8601(time_t t) {
     GTimeVal tv = {};
     tv.tv_sec = static_cast<glong>(t);
-    const std::unique_ptr<char, GFreeDeleter> text(g_time_val_to_iso8601(&tv));
+    const GCharPtr text(g_time_val_to_iso8601(&tv));
     return text ? std::string(text.get()) : std::string();
 }
 
@@ -100,7 +100,7 @@ bool read_data_base64(const char* text, unsigned char* buffer, size_t length) {
     if (!is_valid_base64(text))
         return false;
     gsize decoded_length = 0;
-    const std::unique_ptr<guchar, GFreeDeleter> decoded(g_base64_decode(text, &decoded_length));
+    const GFreePtr<guchar> decoded(g_base64_decode(text, &decoded_length));
     if (!decoded || decoded_length != length)
         return false;
     if (length > 0)

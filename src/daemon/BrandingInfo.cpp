@@ -13,7 +13,7 @@ int BrandingInfo::load(const char* path) {
     const GLibPtr<JsonParser> parser(json_parser_new_immutable());
     GError* raw_error = nullptr;
     if (!json_parser_load_file_checked(parser.get(), path, &raw_error)) {
-        const std::unique_ptr<GError, GErrorDeleter> error(raw_error);
+        const GErrorPtr error(raw_error);
         g_warning("failed to parse JSON from branding file %s: %s", path,
                   error ? error->message : "unknown error");
         return 0;

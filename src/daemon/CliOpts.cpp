@@ -4,6 +4,7 @@
 
 #include "BrandingInfo.h"
 #include "DeviceIdentity.h"
+#include "EnrollConstants.h"
 
 // Continuation lines of a help text line up with the first one in the help output.
 #define HELP_NL "\n                          "
@@ -11,11 +12,7 @@
 namespace {
 
 const char kDefaultBranding[] = "/usr/share/resources/default/zelenroll/branding.json";
-const char kDefaultRpmb[] = "/dev/mmcblk0rpmb";
-const char kDefaultKey[] = "/etc/pki/zelenroll/private/device-private.key";
-const char kDefaultServicesDir[] = "/var/lib/zelenroll/services";
-
-const char* const kProtocols[] = {"emmc-rpmb-csr", "tpm2-authkey-csr", "noauth-csr"};
+const char* const kProtocols[] = {PROTO_EMMC_RPMB_CSR, PROTO_TPM2_AUTHKEY_CSR, PROTO_NOAUTH_CSR};
 
 void strip_trailing_slashes(std::string& text) {
     while (!text.empty() && text.back() == '/')
@@ -141,8 +138,8 @@ std::vector<GOptionEntry> CliOpts::option_entries() {
     };
 }
 
-OptionContextPtr CliOpts::option_context() {
-    OptionContextPtr context(g_option_context_new("ZEL device enroller"));
+GOptionContextPtr CliOpts::option_context() {
+    GOptionContextPtr context(g_option_context_new("ZEL device enroller"));
     const std::vector<GOptionEntry> entries = option_entries();
     // GLib copies the table; the texts and slots it points at outlive the context.
     g_option_context_add_main_entries(context.get(), entries.data(), nullptr);
@@ -173,9 +170,9 @@ bool CliOpts::init_info(EnrollerInfo& info) const {
     info.disabled = disable >= 0 ? disable >= 1 : !branding_info.enabledByDefault;
     info.force_new_cert = force_new_cert;
     info.firmware_version = fwver ? fwver : read_firmware_version();
-    info.rpmb_path = value_or(rpmb, kDefaultRpmb);
-    info.key_path = value_or(key, kDefaultKey);
-    info.services_dir = value_or(services_dir, kDefaultServicesDir);
+    info.rpmb_path = value_or(rpmb, DEFAULT_RPMB_DEVICE);
+    info.key_path = value_or(key, DEFAULT_KEY_FILE);
+    info.services_dir = value_or(services_dir, DEFAULT_SERVICES_DIR);
     strip_trailing_slashes(info.services_dir);
 
     if (protocol && *protocol)

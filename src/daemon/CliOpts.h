@@ -6,11 +6,7 @@
 #include <vector>
 
 #include "EnrollerInfo.h"
-
-struct OptionContextDeleter {
-    void operator()(GOptionContext* context) const { g_option_context_free(context); }
-};
-using OptionContextPtr = std::unique_ptr<GOptionContext, OptionContextDeleter>;
+#include "GLibPtr.h"
 
 // The command line options. Each slot keeps what GLib's option parser wrote into it: a
 // string option is null until given (an empty string counts as given), the flags and
@@ -23,7 +19,7 @@ class CliOpts {
     CliOpts& operator=(const CliOpts&) = delete;
 
     // A parsing context with the help header and the option table of this instance.
-    OptionContextPtr option_context();
+    GOptionContextPtr option_context();
     // Parses the command line into this instance, removing what it recognised from argv.
     bool parse(int* argc, char*** argv, GError** error);
 

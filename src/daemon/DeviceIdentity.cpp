@@ -18,10 +18,8 @@ struct ChannelUnref {
     void operator()(GIOChannel* channel) const { g_io_channel_unref(channel); }
 };
 using ChannelPtr = std::unique_ptr<GIOChannel, ChannelUnref>;
-using ErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
-using StrvPtr = std::unique_ptr<char*, GStrvDeleter>;
 
-ChannelPtr open_file(const char* path, ErrorPtr* error) {
+ChannelPtr open_file(const char* path, GErrorPtr* error) {
     GError* raw_error = nullptr;
     ChannelPtr channel(g_io_channel_new_file(path, "r", &raw_error));
     error->reset(raw_error);
@@ -37,8 +35,8 @@ void for_each_line(GIOChannel* channel, const char* what, Handler handle) {
         GError* raw_error = nullptr;
         const GIOStatus status =
             g_io_channel_read_line(channel, &raw_line, nullptr, nullptr, &raw_error);
-        const std::unique_ptr<char, GFreeDeleter> line(raw_line);
-        const ErrorPtr error(raw_error);
+        const GCharPtr line(raw_line);
+        const GErrorPtr error(raw_error);
         if (status == G_IO_STATUS_ERROR) {
             g_critical("%s: %s", what, error ? error->message : "unknown error");
             return;
@@ -52,8 +50,8 @@ void for_each_line(GIOChannel* channel, const char* what, Handler handle) {
 }
 
 // Splits at the first separator; null when the line has none.
-StrvPtr split_pair(const char* line, const char* separator, bool any_of) {
-    StrvPtr parts(any_of ? g_strsplit_set(line, separator, 2) : g_strsplit(line, separator, 2));
+GStrvPtr split_pair(const char* line, const char* separator, bool any_of) {
+    GStrvPtr parts(any_of ? g_strsplit_set(line, separator, 2) : g_strsplit(line, separator, 2));
     if (!parts || !parts.get()[0] || !parts.get()[1])
         return nullptr;
     return parts;
@@ -62,7 +60,7 @@ StrvPtr split_pair(const char* line, const char* separator, bool any_of) {
 }  // namespace
 
 std::string read_corvanta_identifier_from(const char* path, const char* key) {
-    ErrorPtr open_error;
+    GErrorPtr open_error;
     const ChannelPtr channel = open_file(path, &open_error);
     if (!channel) {
         // Devices without the file simply have no such identifiers.
@@ -72,16 +70,15 @@ std::string read_corvanta_identifier_from(const char* path, const char* key) {
     }
     std::string result;
     for_each_line(channel.get(), "error reading identifiers file", [&](char* line) {
-        const StrvPtr parts = split_pair(line, "=", false);
+        const GStrvPtr parts = split_pair(line, "=", false);
         if (!parts)
             return false;
         // Only leading blanks go: "KEY =value" is not KEY, as in the shell.
         if (strcmp(g_strchug(parts.get()[0]), key) != 0)
             return false;
         GError* raw_error = nullptr;
-        const std::unique_ptr<char, GFreeDeleter> value(
-            g_shell_unquote(g_strchomp(parts.get()[1]), &raw_error));
-        const ErrorPtr error(raw_error);
+        const GCharPtr value(g_shell_unquote(g_strchomp(parts.get()[1]), &raw_error));
+        const GErrorPtr error(raw_error);
         if (!value) {
             g_critical("error unquoting value in identifiers file: %s", error->message);
             result.clear();
@@ -94,7 +91,7 @@ std::string read_corvanta_identifier_from(const char* path, const char* key) {
 }
 
 std::string read_cpuinfo_serial_nr_from(const char* path) {
-    ErrorPtr open_error;
+    GErrorPtr open_error;
     const ChannelPtr channel = open_file(path, &open_error);
     if (!channel) {
         g_critical("error reading cpuinfo: %s", open_error->message);
@@ -102,7 +99,7 @@ std::string read_cpuinfo_serial_nr_from(const char* path) {
     }
     std::string result;
     for_each_line(channel.get(), "error reading cpuinfo", [&](char* line) {
-        const StrvPtr parts = split_pair(line, ":", true);
+        const GStrvPtr parts = split_pair(line, ":", true);
         if (!parts || strcmp(g_strchomp(parts.get()[0]), "Serial") != 0)
             return false;
         result = g_strstrip(parts.get()[1]);
@@ -119,7 +116,7 @@ std::string read_serial_nr_from(const char* cpuinfo_path, const char* identifier
 }
 
 std::string read_firmware_version_from(const char* etc_path, const char* usr_lib_path) {
-    ErrorPtr open_error;
+    GErrorPtr open_error;
     ChannelPtr channel = open_file(etc_path, &open_error);
     if (!channel && g_error_matches(open_error.get(), G_FILE_ERROR, G_FILE_ERROR_NOENT))
         channel = open_file(usr_lib_path, &open_error);
@@ -129,7 +126,7 @@ std::string read_firmware_version_from(const char* etc_path, const char* usr_lib
     }
     std::string result;
     for_each_line(channel.get(), "error reading os-release", [&](char* line) {
-        const StrvPtr parts = split_pair(g_strchug(line), "=", false);
+        const GStrvPtr parts = split_pair(g_strchug(line), "=", false);
         if (!parts || strcmp(g_strchug(parts.get()[0]), "VERSION_ID") != 0)
             return false;
         // Quotes are dropped as characters, without the shell's rules.

@@ -7,10 +7,6 @@
 
 #include "GLibPtr.h"
 
-struct MainLoopDeleter {
-    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
-};
-
 // The main loop of the daemon together with the HTTP session it serves. SIGINT and SIGTERM
 // abort all HTTP traffic and make run() return.
 class MainContext {
@@ -29,7 +25,7 @@ class MainContext {
 
   private:
     // Declared before the session so that the session goes first.
-    std::unique_ptr<GMainLoop, MainLoopDeleter> loop;
+    GMainLoopPtr loop;
     GLibPtr<SoupSession> session;
     bool terminating = false;
 };

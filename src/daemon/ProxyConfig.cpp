@@ -54,8 +54,7 @@ uint32_t xpath_uint32(xmlXPathContext* ctx, const char* expression) {
 }
 
 std::string escape(const std::string& text, const char* allowed) {
-    const std::unique_ptr<char, GFreeDeleter> escaped(
-        g_uri_escape_string(text.c_str(), allowed, FALSE));
+    const GCharPtr escaped(g_uri_escape_string(text.c_str(), allowed, FALSE));
     return escaped.get();
 }
 

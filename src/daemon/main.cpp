@@ -17,6 +17,7 @@
 #include <string>
 
 #include "CliOpts.h"
+#include "EnrollConstants.h"
 #include "Enroller.h"
 #include "EnrollerInfo.h"
 #include "GLibLog.h"
@@ -31,7 +32,6 @@ namespace {
 const char kIdent[] = "zelenrolld";
 const char kPidFile[] = "/var/run/zelenroll/zelenrolld.pid";
 const char kDefaultUser[] = "zelenroll";
-const char kDefaultStatusFile[] = "/var/lib/zelenroll/status";
 // The trailing blank makes libsoup append its own product token.
 const char kUserAgent[] = "zelenrolld/1.0 ";
 constexpr int kHttpLogBodyLimit = 10240;
@@ -192,7 +192,7 @@ int run(bool daemon_child) {
     const GLibPtr<GProxyResolver> resolver = proxy.glib_proxy_resolver();
 
     MainContext context(new_http_session(resolver.get()));
-    const std::string status_path = opts.status_file ? opts.status_file : kDefaultStatusFile;
+    const std::string status_path = opts.status_file ? opts.status_file : DEFAULT_STATUS_FILE;
     if (opts.dump_http != 0)
         add_http_logger(context.get_session(), opts.dump_http);
 
@@ -207,10 +207,10 @@ int run(bool daemon_child) {
 int main(int argc, char* argv[]) {
     init_libraries();
 
-    const OptionContextPtr option_context = opts.option_context();
+    const GOptionContextPtr option_context = opts.option_context();
     GError* raw_error = nullptr;
     if (!g_option_context_parse(option_context.get(), &argc, &argv, &raw_error)) {
-        const std::unique_ptr<GError, GErrorDeleter> error(raw_error);
+        const GErrorPtr error(raw_error);
         g_message("failed parsing command line: %s", error->message);
         return 1;
     }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "EnrollerInfo.h"
@@ -14,6 +15,7 @@
 #include "GLibPtr.h"
 
 class JsonObjectOutput;
+class Key;
 struct EnrollResponse;
 struct ErrorResponse;
 
@@ -61,6 +63,7 @@ class Enroller {
   private:
     // HTTP layer
     void send_request(Request kind, const std::string& body);
+    bool body_ok(JsonObjectOutput& out, const char* handler);
     void send_json(Request kind, JsonObjectOutput& out, const char* handler);
     void req_response_cb(SoupSession* session, SoupMessage* msg);
     void req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk);
@@ -86,7 +89,6 @@ class Enroller {
     void cancel_retry_timeout();
     void on_network_changed(GObject* monitor, GParamSpec* pspec);
     bool rpmb_rate_limit_reschedule();
-    void restart_soon();
 
     // hardware proofs
     bool open_rpmb();
@@ -94,6 +96,7 @@ class Enroller {
 
     // keys
     void read_pubkey();
+    void load_device_key(bool announce);
     bool get_csr();
 
     Request request = REQUEST_NONE;
@@ -101,6 +104,7 @@ class Enroller {
     const EnrollerInfo* info;
     EnrollerStatus status;
     SoupSession* session;
+    std::unique_ptr<Key> deviceKey;  // read once per enrollment
     std::string csrPem;
     std::string publicKeyPem;
     bool serviceSaved = false;

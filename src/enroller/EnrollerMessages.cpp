@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "EnrollConstants.h"
+
 namespace {
 
 // An empty vector may have no storage; a null pointer would be written as JSON null.
@@ -186,10 +188,10 @@ JsonObjectInput& operator>>(JsonObjectInput& in, EnrolledServices& services) {
     // The member set is already sorted and unique.
     const std::set<std::string>& members = in.getMembers();
     services.names.assign(members.begin(), members.end());
-    if (!in.checkHasMember("aws-iot", false))
+    if (!in.checkHasMember(AWS_IOT_SERVICE, false))
         return in;
-    in.readMember("aws-iot", services.awsIotNode, false);
-    if (in.openMemberChild("aws-iot", false)) {
+    in.readMember(AWS_IOT_SERVICE, services.awsIotNode, false);
+    if (in.openMemberChild(AWS_IOT_SERVICE, false)) {
         services.awsIot = std::make_unique<AWSIoTService>();
         in >> *services.awsIot;
         in.closeMemberChild();

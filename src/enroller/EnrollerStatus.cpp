@@ -78,7 +78,7 @@ bool EnrollerStatus::load(bool isEnabled) {
     GLibPtr<JsonParser> parser(json_parser_new_immutable());
     GError* rawError = nullptr;
     if (!json_parser_load_file_checked(parser.get(), path.c_str(), &rawError)) {
-        const std::unique_ptr<GError, GErrorDeleter> error(rawError);
+        const GErrorPtr error(rawError);
         g_warning("failed to parse JSON from enroller status file %s: %s", path.c_str(),
                   error ? error->message : "unknown");
         return false;

@@ -4,6 +4,7 @@
 #include <json-glib/json-glib.h>
 
 #include <cstddef>
+#include <memory>
 #include <utility>
 
 // Reference policies of GLibPtr. The generic ones treat T as a GObject; JsonNode and
@@ -115,7 +116,7 @@ class GLibPtr {
     T* ptr = nullptr;
 };
 
-// Owners of plain GLib allocations and of GError.
+// Owners of GLib allocations that are not reference-counted: the one idiom for them.
 struct GFreeDeleter {
     void operator()(void* p) const { g_free(p); }
 };
@@ -125,3 +126,17 @@ struct GStrvDeleter {
 struct GErrorDeleter {
     void operator()(GError* e) const { g_error_free(e); }
 };
+struct GMainLoopDeleter {
+    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+};
+struct GOptionContextDeleter {
+    void operator()(GOptionContext* context) const { g_option_context_free(context); }
+};
+
+template <typename T>
+using GFreePtr = std::unique_ptr<T, GFreeDeleter>;
+using GCharPtr = GFreePtr<gchar>;
+using GStrvPtr = std::unique_ptr<gchar*, GStrvDeleter>;
+using GErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
+using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopDeleter>;
+using GOptionContextPtr = std::unique_ptr<GOptionContext, GOptionContextDeleter>;

@@ -85,7 +85,7 @@ class JsonObjectInput {
 
     GLibPtr<JsonReader> reader;
     GLibPtr<JsonNode> root;
-    std::unique_ptr<char, GFreeDeleter> error;
+    GCharPtr error;
     std::deque<std::set<std::string>> members;
     std::deque<uint32_t> lengths;
     std::deque<std::string> paths;

@@ -11,7 +11,7 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 std::string base64(const Bytes& bytes) {
-    const std::unique_ptr<char, GFreeDeleter> text(g_base64_encode(bytes.data(), bytes.size()));
+    const GCharPtr text(g_base64_encode(bytes.data(), bytes.size()));
     return text.get();
 }
 

@@ -20,7 +20,7 @@ TEST(JsonObjectOutput, NoOutputUnlessFinishedWithoutFailure) {
     const TempDir tmp;
     for (const JsonObjectOutput* out : {&unfinished, &refused, &open}) {
         std::string error;
-        EXPECT_FALSE((std::unique_ptr<char, GFreeDeleter>(out->toString())));
+        EXPECT_FALSE((GCharPtr(out->toString())));
         EXPECT_EQ(std::string(*out), "");
         EXPECT_FALSE(out->save(tmp.file("doc.json").c_str(), &error));
         EXPECT_EQ(error, "bad JsonObjectOutput state");

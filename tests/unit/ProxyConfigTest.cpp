@@ -29,8 +29,7 @@ ProxyConfig proxy(const char* server, const char* username = "", const char* pas
 
 // The first proxy the resolver names for `uri`.
 std::string lookup(GProxyResolver* resolver, const char* uri) {
-    const std::unique_ptr<char*, GStrvDeleter> proxies(
-        g_proxy_resolver_lookup(resolver, uri, nullptr, nullptr));
+    const GStrvPtr proxies(g_proxy_resolver_lookup(resolver, uri, nullptr, nullptr));
     return proxies && proxies.get()[0] ? proxies.get()[0] : "lookup failed";
 }
 

@@ -14,7 +14,7 @@
 class TempDir {
   public:
     TempDir() {
-        const std::unique_ptr<char, GFreeDeleter> dir(g_dir_make_tmp("zeltest-XXXXXX", nullptr));
+        const GCharPtr dir(g_dir_make_tmp("zeltest-XXXXXX", nullptr));
         EXPECT_TRUE(dir) << "cannot make a temporary directory";
         if (dir)
             path = dir.get();

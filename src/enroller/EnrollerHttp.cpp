@@ -1,0 +1,199 @@
+#include "Enroller.h"
+
+#include "ClassCallback.h"
+#include "EnrollerMessages.h"
+#include "JsonObjectInput.h"
+#include "JsonObjectOutput.h"
+
+namespace {
+
+const char* request_path(Enroller::Request kind) {
+    switch (kind) {
+        case Enroller::REQUEST_INITIATE:
+            return "/initiate";
+        case Enroller::REQUEST_DATA_AUTHENTICATE:
+            return "/dataAuthenticate";
+        case Enroller::REQUEST_DATA_VERIFY:
+            return "/dataVerify";
+        case Enroller::REQUEST_CSR_VERIFY:
+            return "/CSRVerify";
+        case Enroller::REQUEST_ACKNOWLEDGE:
+            return "/acknowledge";
+        case Enroller::REQUEST_NONE:
+            break;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void Enroller::send_request(Request kind, const std::string& body) {
+    const char* path = request_path(kind);
+    if (!path)
+        g_return_if_reached();
+
+    const std::string url = info->base_url + path;
+    SoupMessage* msg = soup_message_new("POST", url.c_str());
+    if (!msg) {
+        g_warning("invalid enroll URL '%s'", url.c_str());
+        return;
+    }
+    // POST requests are not redirected by the session itself; 307 and 308 keep the
+    // method and body, so follow them explicitly
+    for (guint code : {307u, 308u}) {
+        soup_message_add_status_code_handler(
+            msg, "got-body", code,
+            G_CALLBACK((class_callback<Enroller, &Enroller::req_redirect_cb>)), this);
+    }
+    soup_message_set_request(msg, "application/json", SOUP_MEMORY_COPY, body.data(), body.size());
+
+    received = 0;
+    g_signal_connect(msg, "restarted",
+                     G_CALLBACK((class_callback<Enroller, &Enroller::req_restarted_cb>)), this);
+    g_signal_connect(msg, "got-chunk",
+                     G_CALLBACK((class_callback<Enroller, &Enroller::req_got_chunk_cb>)), this);
+
+    request = kind;
+    requestStart = g_get_monotonic_time();
+    soup_session_queue_message(session, msg, class_callback<Enroller, &Enroller::req_response_cb>,
+                               this);
+    g_message("sending %s request", path + 1);
+}
+
+void Enroller::req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk) {
+    const uint64_t before = received;
+    received += chunk->length;
+    if (before <= MAX_RESPONSE_SIZE && received > MAX_RESPONSE_SIZE) {
+        g_warning("response exceeds maximum size %i, aborting request",
+                  static_cast<int>(MAX_RESPONSE_SIZE));
+        soup_session_cancel_message(session, msg, SOUP_STATUS_CANCELLED);
+    }
+}
+
+void Enroller::req_restarted_cb(SoupMessage*) {
+    received = 0;
+}
+
+void Enroller::req_redirect_cb(SoupMessage* msg) {
+    const guint code = msg->status_code;
+    if (code != 307 && code != 308) {
+        g_critical("redirect handler unexpectedly called on HTTP message with status code %i",
+                   code);
+        return;
+    }
+    g_debug("got a redirect with status code %i, following", code);
+    if (!soup_session_redirect_message(session, msg))
+        g_warning("got malformed HTTP redirect with status code %i", code);
+}
+
+void Enroller::req_response_cb(SoupSession*, SoupMessage* msg) {
+    const Request kind = request;
+    request = REQUEST_NONE;
+    const guint code = msg->status_code;
+    g_debug("received response with status code %u", code);
+
+    if (code >= 1 && code <= 99) {
+        g_warning("failed to connect (%i): %s", code, msg->reason_phrase);
+        return;
+    }
+    if ((code >= 100 && code <= 199) || (code >= 300 && code <= 399)) {
+        g_warning("unexpected HTTP status on response (%i): %s", code, msg->reason_phrase);
+        return;
+    }
+    if (code >= 200 && code <= 299) {
+        if (kind == REQUEST_ACKNOWLEDGE) {
+            complete_acknowledge(msg);
+            return;
+        }
+    } else {
+        g_warning("request returned error %i: %s", code, msg->reason_phrase);
+    }
+    handle_body(msg);
+}
+
+void Enroller::complete_acknowledge(SoupMessage* msg) {
+    if (msg->response_body->length > 0) {
+        const char* type = soup_message_headers_get_content_type(msg->response_headers, nullptr);
+        g_warning(
+            "ignoring unexpected non-empty response to acknowledge request (status %u, length "
+            "%li, content-type %s)",
+            msg->status_code, static_cast<long>(msg->response_body->length),
+            type ? type : "(null)");
+    }
+    if (!serviceSaved) {
+        g_debug("enrollment process finished but service not saved");
+        return;
+    }
+    status.recordEnrolled();
+    status.save();
+    g_message("enrollment completed successfully");
+    if (enrolledCallback)
+        enrolledCallback();
+    cancel_retry_timeout();
+}
+
+void Enroller::handle_body(SoupMessage* msg) {
+    const char* type = soup_message_headers_get_content_type(msg->response_headers, nullptr);
+    if (!type || msg->response_body->length == 0) {
+        g_warning("response has no content-type or no body");
+        return;
+    }
+    if (g_ascii_strcasecmp(type, "application/json") != 0) {
+        g_warning("response is not JSON but %s, ignoring", type);
+        return;
+    }
+
+    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
+    GError* raw_error = nullptr;
+    if (!json_parser_load_data_checked(parser.get(), msg->response_body->data,
+                                       msg->response_body->length, &raw_error)) {
+        const GErrorPtr error(raw_error);
+        g_warning("parsing failed: %s", error->message);
+        return;
+    }
+    JsonNode* root = json_parser_get_root(parser.get());
+    if (!root) {
+        g_warning("response is empty, ignoring");
+        return;
+    }
+
+    JsonObjectInput json(root);
+    if (SOUP_STATUS_IS_SUCCESSFUL(msg->status_code)) {
+        EnrollResponse rsp;
+        json >> rsp;
+        if (json.failed()) {
+            g_warning("failed parsing enrollment response: %s", json.getError());
+            return;
+        }
+        handle_response(rsp);
+        return;
+    }
+
+    g_return_if_fail(SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) ||
+                     SOUP_STATUS_IS_SERVER_ERROR(msg->status_code));
+    ErrorResponse err;
+    json >> err;
+    log(err);
+    // the server has forgotten the state carried in "cbData": start over from "/initiate"
+    if (err.code == "CallbackDataExpiredException")
+        schedule_retry(0);
+}
+
+void Enroller::log(const ErrorResponse& err) const {
+    g_warning("request failed with status code: %i, code: %s, server time: %s, msg: %s",
+              err.statusCode, err.code.c_str(), err.time.c_str(), err.message.c_str());
+}
+
+// A failed writer is reported as the failed precondition of the handler that wrote it.
+bool Enroller::body_ok(JsonObjectOutput& out, const char* handler) {
+    out.finish();
+    if (!out.isFailed())
+        return true;
+    g_return_if_fail_warning(G_LOG_DOMAIN, handler, "! json.failed()");
+    return false;
+}
+
+void Enroller::send_json(Request kind, JsonObjectOutput& out, const char* handler) {
+    if (body_ok(out, handler))
+        send_request(kind, out);
+}
