@@ -116,10 +116,18 @@ std::string ProxyConfig::uri() const {
 GLibPtr<GProxyResolver> ProxyConfig::glib_proxy_resolver() const {
     if (!enabled)
         return nullptr;
+    // A server that is no host name or address (say "[fe80>:1]") makes no valid URI, which
+    // GIO would refuse with a critical while sending everything direct.
+    const std::string proxy_uri = uri();
+    if (!g_uri_is_valid(proxy_uri.c_str(), G_URI_FLAGS_NONE, nullptr)) {
+        g_warning("proxy server '%s' is not a valid host name or address, not using a proxy",
+                  server.c_str());
+        return nullptr;
+    }
     static const char* const ignore_hosts[] = {"localhost", "127.0.0.1", "::1", "fe80::/10",
                                                nullptr};
     return GLibPtr<GProxyResolver>(
-        g_simple_proxy_resolver_new(uri().c_str(), const_cast<char**>(ignore_hosts)));
+        g_simple_proxy_resolver_new(proxy_uri.c_str(), const_cast<char**>(ignore_hosts)));
 }
 
 const char* ProxyConfig::default_path() {

@@ -143,21 +143,12 @@ void Enroller::handle_body(SoupMessage* msg) {
         return;
     }
 
-    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* raw_error = nullptr;
-    if (!json_parser_load_data_checked(parser.get(), msg->response_body->data,
-                                       msg->response_body->length, &raw_error)) {
-        const GErrorPtr error(raw_error);
-        g_warning("parsing failed: %s", error->message);
+    const GLibPtr<JsonNode> root =
+        parse_response_body(msg->response_body->data, msg->response_body->length);
+    if (!root)
         return;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("response is empty, ignoring");
-        return;
-    }
 
-    JsonObjectInput json(root);
+    JsonObjectInput json(root.get());
     if (SOUP_STATUS_IS_SUCCESSFUL(msg->status_code)) {
         EnrollResponse rsp;
         json >> rsp;

@@ -57,6 +57,22 @@ const char* ack_status_name(AcknowledgedService::Status status) {
 
 }  // namespace
 
+GLibPtr<JsonNode> parse_response_body(const char* data, long length) {
+    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
+    GError* raw_error = nullptr;
+    if (!json_parser_load_data_checked(parser.get(), data, length, &raw_error)) {
+        const GErrorPtr error(raw_error);
+        g_warning("parsing failed: %s", error->message);
+        return nullptr;
+    }
+    JsonNode* root = json_parser_get_root(parser.get());
+    if (!root) {
+        g_warning("response is empty, ignoring");
+        return nullptr;
+    }
+    return GLibPtr<JsonNode>(json_node_ref(root));
+}
+
 bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required) {
     // Same order of checks as the reader's own member reads, so that a missing member never
     // reaches json_reader_read_member and its sticky error state.

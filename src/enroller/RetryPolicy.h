@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-class EnrollerRPMBStatus;
+struct EnrollerRPMBStatus;
 
 // The arithmetic of retry timing and of the RPMB write-rate limit, kept free of the main
 // loop so that it can be checked on its own.

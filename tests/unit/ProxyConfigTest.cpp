@@ -72,3 +72,12 @@ TEST(ProxyConfigResolver, LocalDestinationsGoDirect) {
                               "http://[fe80::1234]:80/"})
         EXPECT_EQ(lookup(resolver.get(), local), "direct://") << local;
 }
+
+TEST(ProxyConfigResolver, ServerThatIsNoHostGivesNoResolver) {
+    LogCapture log;
+    EXPECT_FALSE(proxy("[fe80>:1]").glib_proxy_resolver());
+    EXPECT_TRUE(log.logged(G_LOG_LEVEL_WARNING,
+                           "proxy server '[fe80>:1]' is not a valid host name or address, not "
+                           "using a proxy"))
+        << log.dump();
+}
