@@ -7,6 +7,7 @@ until SIGTERM or SIGINT:  python3 tools/privatebus.py
 """
 
 import os
+import pwd
 import select
 import shutil
 import signal
@@ -37,11 +38,19 @@ _SYSTEM_BUS_POLICY = """
     <allow send_destination="org.freedesktop.DBus"
            send_interface="org.freedesktop.DBus.Properties"/>
   </policy>
-  <policy user="root">
+  <policy user="{user}">
     <allow own="org.freedesktop.NetworkManager"/>
     <allow send_destination="org.freedesktop.NetworkManager"/>
   </policy>
   <include>{policy}</include>
+"""
+
+# Without root, the user running the tests stands in for the daemon's user.
+_DAEMON_USER_POLICY = """
+  <policy user="{user}">
+    <allow own="com.corvanta.ZelPlayer.Enroller1"/>
+    <allow send_destination="com.corvanta.ZelPlayer.Enroller1"/>
+  </policy>
 """
 
 _SESSION_BUS_POLICY = """
@@ -67,8 +76,12 @@ class Bus:
         self.proc = None
 
     def start(self, timeout=5.0):
-        policy = (_SYSTEM_BUS_POLICY.format(policy=DBUS_POLICY) if self.kind == "system"
-                  else _SESSION_BUS_POLICY)
+        user = pwd.getpwuid(os.geteuid()).pw_name
+        policy = _SESSION_BUS_POLICY
+        if self.kind == "system":
+            policy = _SYSTEM_BUS_POLICY.format(user=user, policy=DBUS_POLICY)
+            if os.geteuid() != 0:
+                policy += _DAEMON_USER_POLICY.format(user=user)
         self.config.write_text(
             '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"'
             ' "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">\n'
