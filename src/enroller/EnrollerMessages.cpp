@@ -57,45 +57,6 @@ const char* ack_status_name(AcknowledgedService::Status status) {
 
 }  // namespace
 
-GLibPtr<JsonNode> parse_response_body(const char* data, long length) {
-    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* raw_error = nullptr;
-    if (!json_parser_load_data_checked(parser.get(), data, length, &raw_error)) {
-        const GErrorPtr error(raw_error);
-        g_warning("parsing failed: %s", error->message);
-        return nullptr;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("response is empty, ignoring");
-        return nullptr;
-    }
-    return GLibPtr<JsonNode>(json_node_ref(root));
-}
-
-bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required) {
-    // Same order of checks as the reader's own member reads, so that a missing member never
-    // reaches json_reader_read_member and its sticky error state.
-    if (!in.checkIsObject() || !in.checkHasMember(name, required))
-        return false;
-    JsonReader* reader = in.getReader();
-    if (!json_reader_read_member(reader, name)) {
-        const GError* error = json_reader_get_error(reader);
-        in.addError(g_strdup_printf("failed reading member '%s': %s", name,
-                                    error ? error->message : "no error"));
-        return false;
-    }
-    // json-glib counts null as a value, but reading an integer from it puts the reader into
-    // an error state that json_reader_end_member does not leave.
-    const bool isValue = json_reader_is_value(reader) && !json_reader_get_null_value(reader);
-    if (isValue)
-        *out = json_reader_get_int_value(reader);
-    else
-        in.addError(g_strdup_printf("member '%s' does not hold a value", name));
-    json_reader_end_member(reader);
-    return isValue;
-}
-
 JsonObjectOutput& operator<<(JsonObjectOutput& out, const DeviceInfo& device) {
     out.addObjectProperty("device");
     out.addProperty("serial", device.serial.c_str());

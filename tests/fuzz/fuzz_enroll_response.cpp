@@ -11,19 +11,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0)  // the engine refuses an empty body before parsing it
         return 0;
-    const GLibPtr<JsonNode> root =
-        parse_response_body(reinterpret_cast<const char*>(data), static_cast<long>(size));
-    if (!root)
-        return 0;
-    {
-        JsonObjectInput json(root.get());
+    const char* text = reinterpret_cast<const char*>(data);
+    const long length = static_cast<long>(size);
+    const auto ignore = [](const char*) {};
+    if (const auto json = JsonObjectInput::open_data(text, length, ignore)) {
         EnrollResponse response;
-        json >> response;
+        *json >> response;
     }
-    {
-        JsonObjectInput json(root.get());
+    if (const auto json = JsonObjectInput::open_data(text, length, ignore)) {
         ErrorResponse error;
-        json >> error;
+        *json >> error;
     }
     return 0;
 }
