@@ -12,10 +12,10 @@ namespace {
 constexpr size_t kJsonMaxBrackets = 8192;
 
 // Scans the text the way json-glib's scanner splits it into strings ("..." with escapes,
-// '...' without), comments (/*...*/ and /.../) and structure, and returns the text of the
-// reason when the parser must not see it: brackets that could nest too deeply for its
-// recursion, or an object or array after the top-level value, which json-glib accepts,
-// ignores and leaks (other trailing values it refuses itself).
+// '...' without), comments (from a slash to the next one, across lines) and structure, and
+// returns the text of the reason when the parser must not see it: brackets that could nest
+// too deeply for its recursion, or an object or array after the top-level value, which
+// json-glib accepts, ignores and leaks (other trailing values it refuses itself).
 const char* structure_problem(const char* data, size_t length) {
     unsigned depth = 0;
     bool top_value_seen = false;
@@ -35,13 +35,8 @@ const char* structure_problem(const char* data, size_t length) {
                 top_value_seen = true;
                 break;
             case '/':
-                if (i + 1 < length && data[i + 1] == '*') {
-                    for (i += 2; i + 1 < length && !(data[i] == '*' && data[i + 1] == '/'); ++i) {
-                    }
-                    ++i;
-                } else {
-                    for (++i; i < length && data[i] != '/'; ++i) {
-                    }
+                // json-glib knows no "/*...*/" comments: "/*/" is a whole one.
+                for (++i; i < length && data[i] != '/'; ++i) {
                 }
                 break;
             case '[':
