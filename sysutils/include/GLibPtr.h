@@ -129,6 +129,9 @@ struct GErrorDeleter {
 struct GMainLoopDeleter {
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
 };
+struct GHmacDeleter {
+    void operator()(GHmac* hmac) const { g_hmac_unref(hmac); }
+};
 struct GOptionContextDeleter {
     void operator()(GOptionContext* context) const { g_option_context_free(context); }
 };
@@ -139,4 +142,5 @@ using GCharPtr = GFreePtr<gchar>;
 using GStrvPtr = std::unique_ptr<gchar*, GStrvDeleter>;
 using GErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
 using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopDeleter>;
+using GHmacPtr = std::unique_ptr<GHmac, GHmacDeleter>;
 using GOptionContextPtr = std::unique_ptr<GOptionContext, GOptionContextDeleter>;
