@@ -132,6 +132,12 @@ struct GMainLoopDeleter {
 struct GOptionContextDeleter {
     void operator()(GOptionContext* context) const { g_option_context_free(context); }
 };
+struct GChecksumDeleter {
+    void operator()(GChecksum* checksum) const { g_checksum_free(checksum); }
+};
+struct GHmacDeleter {
+    void operator()(GHmac* hmac) const { g_hmac_unref(hmac); }
+};
 
 template <typename T>
 using GFreePtr = std::unique_ptr<T, GFreeDeleter>;
@@ -140,3 +146,5 @@ using GStrvPtr = std::unique_ptr<gchar*, GStrvDeleter>;
 using GErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
 using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopDeleter>;
 using GOptionContextPtr = std::unique_ptr<GOptionContext, GOptionContextDeleter>;
+using GChecksumPtr = std::unique_ptr<GChecksum, GChecksumDeleter>;
+using GHmacPtr = std::unique_ptr<GHmac, GHmacDeleter>;
