@@ -3,8 +3,9 @@
 #include <glib.h>
 #include <tss2/tss2_esys.h>
 
-#include <memory>
 #include <utility>
+
+#include "GLibPtr.h"
 
 // Whether `rc` is the TPM's "value is out of range or is not correct for the context"
 // (TPM2_RC_VALUE, 0x84). That is a format-one code: the TPM may add the number of the
@@ -59,11 +60,8 @@ class ESysResource {
 };
 
 // Owner of a structure that an ESYS call allocated for its caller.
-struct ESysFree {
-    void operator()(void* p) const { Esys_Free(p); }
-};
 template <typename T>
-using ESysPtr = std::unique_ptr<T, ESysFree>;
+using ESysPtr = CPtr<T, Esys_Free>;
 
 // Adapts an ESysPtr to an ESYS output parameter: the structure is adopted as soon as the
 // call's full expression ends, so that no path can leak it:
