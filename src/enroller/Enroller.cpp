@@ -2,6 +2,7 @@
 
 #include "ClassCallback.h"
 #include "Key.h"
+#include "TPM2.h"
 
 Enroller::Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session)
     : info(&info), status(statusFile), session(session) {
@@ -41,6 +42,8 @@ Enroller::~Enroller() {
         g_signal_handler_disconnect(g_network_monitor_get_default(), networkHandler);
     cancel_retry_timeout();
     enrolledCallback = nullptr;
+    if (tpm2)
+        tpm2->close();
 }
 
 void Enroller::register_enrolled_cb(std::function<void()> cb) {

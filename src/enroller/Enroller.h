@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "EnrollerInfo.h"
 #include "EnrollerStatus.h"
@@ -16,8 +17,10 @@
 
 class JsonObjectOutput;
 class Key;
+class TPM2;
 struct EnrollResponse;
 struct ErrorResponse;
+struct HMACRequest;
 
 // The enrollment engine: talks to the enrollment server one request at a time, answers
 // each response status with the matching request, stores the delivered service and keeps
@@ -100,6 +103,7 @@ class Enroller {
     void read_pubkey();
     void load_device_key(bool announce);
     bool get_csr();
+    std::vector<unsigned char> tpm2_auth_key_csr_hmac(const HMACRequest* req, const char* status);
 
     Request request = REQUEST_NONE;
     uint64_t received = 0;
@@ -107,6 +111,7 @@ class Enroller {
     EnrollerStatus status;
     SoupSession* session;
     std::unique_ptr<Key> deviceKey;  // read once per enrollment
+    std::unique_ptr<TPM2> tpm2;
     std::string csrPem;
     std::string publicKeyPem;
     bool serviceSaved = false;

@@ -81,4 +81,6 @@ class NoAuthCsr:
         return server.enrolled(enrollment, csr)
 
 
-PROTOCOLS = {protocol.name: protocol for protocol in (NoAuthCsr(),)}
+from .tpm import Tpm2AuthkeyCsr  # noqa: E402  (it builds on the helpers above)
+
+PROTOCOLS = {protocol.name: protocol for protocol in (NoAuthCsr(), Tpm2AuthkeyCsr())}
