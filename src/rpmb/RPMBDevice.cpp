@@ -58,7 +58,6 @@ int RPMBDevice::do_op(const Frame* req, unsigned long nreq, Frame* rsp, unsigned
         errno = EINVAL;
         return -1;
     }
-    const AutoProcessCaps caps({CAP_SYS_RAWIO});
     memset(static_cast<void*>(rsp), 0, nrsp * sizeof(Frame));
 
     // The header and its trailing array of up to three commands.
@@ -93,5 +92,15 @@ int RPMBDevice::do_op(const Frame* req, unsigned long nreq, Frame* rsp, unsigned
             errno = EINVAL;
             return -1;
     }
-    return ioctl(fd, MMC_IOC_MULTI_CMD, multi) == 0 ? 0 : -1;
+    // The capability is effective only for the ioctl; restoring it must not clobber the
+    // ioctl's errno.
+    int rc;
+    int saved_errno;
+    {
+        const AutoProcessCaps caps({CAP_SYS_RAWIO});
+        rc = ioctl(fd, MMC_IOC_MULTI_CMD, multi);
+        saved_errno = errno;
+    }
+    errno = saved_errno;
+    return rc == 0 ? 0 : -1;
 }
