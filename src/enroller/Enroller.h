@@ -121,7 +121,7 @@ class Enroller {
     const EnrollerInfo* info;
     EnrollerStatus status;
     SoupSession* session;
-    std::unique_ptr<RPMB> rpmb;  // open while held
+    std::unique_ptr<RPMB> rpmb;      // open while held
     std::unique_ptr<Key> deviceKey;  // read once per enrollment
     std::string csrPem;
     std::string publicKeyPem;

@@ -58,8 +58,7 @@ void Enroller::close_rpmb() {
     rpmb.reset();
 }
 
-std::unique_ptr<RPMBReadResult> Enroller::rpmb_read(const RPMBReadRequest* req,
-                                                    const char* state) {
+std::unique_ptr<RPMBReadResult> Enroller::rpmb_read(const RPMBReadRequest* req, const char* state) {
     if (!req) {
         g_warning("missing rpmbReadRequest in %s enroll response", state);
         return nullptr;
@@ -154,8 +153,7 @@ GLibPtr<GVariant> Enroller::diagnose() {
     g_variant_builder_init(&dict, G_VARIANT_TYPE_VARDICT);
     g_variant_builder_add(&dict, "{sv}", "enrolled", g_variant_new_boolean(status.enrolled));
     g_variant_builder_add(&dict, "{sv}", "disabled", g_variant_new_boolean(info->disabled));
-    g_variant_builder_add(&dict, "{sv}", "base_url",
-                          g_variant_new_string(info->base_url.c_str()));
+    g_variant_builder_add(&dict, "{sv}", "base_url", g_variant_new_string(info->base_url.c_str()));
     GVariantBuilder protocols;
     g_variant_builder_init(&protocols, G_VARIANT_TYPE_STRING_ARRAY);
     for (const std::string& protocol : info->protocols)

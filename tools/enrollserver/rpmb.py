@@ -51,9 +51,10 @@ class EmmcRpmbCsr:
     """Knobs for tests: `keys` (serial to 32-byte RPMB key; `default_key` for any other
     device), `start_block` and `nr_blocks` of the first read (a hostile `nr_blocks` is sent
     as it stands), `expected_data` (what that read must return; None: anything) and
-    `faults`, a list of one-shot faults taken in order: "bad_mac" (the write authoriser's
-    MAC is wrong), "stale_counter" (it is made for the previous counter), "nonce_mismatch"
-    (the read is checked against another nonce than the one sent)."""
+    `faults`, one-shot faults: "bad_mac" (the write authoriser's MAC is wrong),
+    "stale_counter" (it is made for the previous counter, which the card refuses as a MAC
+    mismatch, since the MAC covers the counter), "nonce_mismatch" (the read is checked
+    against another nonce than the one sent)."""
 
     name = "emmc-rpmb-csr"
 
@@ -125,7 +126,7 @@ class EmmcRpmbCsr:
         enrollment.csr = check_csr(require(sign, "sdata"), enrollment)
 
         block = secrets.token_bytes(BLOCK)
-        signed = counter - 1 if self._take("stale_counter") else counter
+        signed = (counter - 1) % 2**32 if self._take("stale_counter") else counter
         mac = rpmb_mac(key, [block], counter=signed, address=WRITE_BLOCK, count=1,
                        kind=WRITE_REQ)
         if self._take("bad_mac"):

@@ -1,0 +1,171 @@
+""""emmc-rpmb-csr" enrollments of the real daemon against the reference server, on an RPMB
+simulated in files by rpmbsim and, as root, on a device node served by the ioctl shim."""
+
+import json
+import os
+import re
+import struct
+import subprocess
+import time
+from datetime import datetime, timedelta, timezone
+
+import pytest
+
+import zeltest
+
+PROTO = "emmc-rpmb-csr"
+DONE = "enrollment completed successfully"
+KEY = bytes(range(0x40, 0x60))
+DEVID = b"ZEL-DEVICE-ID:SN-RPMB-1".ljust(256, b"\0")
+RPMBSIM = zeltest.BUILD_DIR / "tools" / "rpmbsim"
+PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
+         "/enroll/acknowledge"]
+
+
+class Rpmb:
+    """A simulated RPMB made by rpmbsim with KEY, block 0 holding DEVID."""
+
+    def __init__(self, root, counter=0):
+        self.base = root / "rpmb"
+        (root / "rpmb-key").write_bytes(KEY)
+        subprocess.run([RPMBSIM, "create", self.base, "1", "--key-file", root / "rpmb-key"],
+                       check=True, capture_output=True, timeout=10)
+        with open(f"{self.base}.data", "r+b") as f:
+            f.write(DEVID)
+        self.counter = counter
+
+    @property
+    def counter(self):
+        return struct.unpack(">I", open(f"{self.base}.wrctr", "rb").read())[0]
+
+    @counter.setter
+    def counter(self, value):
+        open(f"{self.base}.wrctr", "wb").write(struct.pack(">I", value))
+
+    def block(self, n):
+        with open(f"{self.base}.data", "rb") as f:
+            f.seek(n * 256)
+            return f.read(256)
+
+
+@pytest.fixture
+def rpmb(sandbox):
+    return Rpmb(sandbox.root)
+
+
+@pytest.fixture
+def rpmb_server(ca):
+    from enrollserver import EnrollServer
+    srv = EnrollServer(ca, protocols=(PROTO,)).start()
+    proto = srv.protocol(PROTO)
+    proto.keys["SN-TEST-1"] = KEY
+    proto.expected_data = DEVID
+    yield srv
+    srv.stop()
+
+
+def start(sandbox, start_daemon, server, rpmb_path, *extra):
+    return start_daemon(sandbox.args(f"--rpmb={rpmb_path}", f"--protocol={PROTO}", "--retry=1",
+                                     *extra, base_url=server.url))
+
+
+def write_status(sandbox, counter, stamps_ago=()):
+    now = datetime.now(timezone.utc)
+    stamps = [(now - timedelta(seconds=s)).strftime("%Y-%m-%dT%H:%M:%SZ") for s in stamps_ago]
+    sandbox.status_file.write_text(json.dumps({"enrolled": False, "enabled": True,
+                                               "rpmb": {"writeCounter": counter,
+                                                        "writeTStamps": stamps}}))
+
+
+def status(sandbox):
+    return json.loads(sandbox.status_file.read_text())
+
+
+@pytest.mark.parametrize("stored, device", [(0, 0), (3, 7), (499, 499)])
+def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, device):
+    """The counter the device reports is adopted and saved before "/dataAuthenticate"; the
+    one authorised write lands in block 1, counts once and is recorded with its time."""
+    write_status(sandbox, stored)
+    rpmb.counter = device
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_message(DONE, timeout=15)
+
+    assert [r.path for r in rpmb_server.requests] == PATHS
+    auth = rpmb_server.requests[1].json
+    assert list(auth) == ["cbData", "rpmbReadResult", "rpmbSignAuthRequest"]
+    sign = auth["rpmbSignAuthRequest"]
+    assert list(sign) == ["sdata", "dataType", "writeCounter", "writeCounterHmac", "startBlock"]
+    assert (sign["dataType"], sign["writeCounter"], sign["startBlock"]) == ("CSR", device, 1)
+    assert list(rpmb_server.requests[2].json) == ["cbData", "rpmbReadResult"]
+
+    assert rpmb.counter == device + 1
+    assert rpmb.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
+    assert rpmb.block(0) == DEVID
+    state = status(sandbox)
+    assert state["enrolled"] is True and state["rpmb"]["writeCounter"] == device + 1
+    assert len(state["rpmb"]["writeTStamps"]) == 1
+
+
+HOUR, DAY = 3600, 86400
+GUARDS = [
+    # stored counter, write times (seconds ago), expected warning (regex)
+    (500, [], re.escape("RPMB reached maximum allowed number of writes (500 >= 500), "
+                        "aborting data authenticate request")),
+    (10, [HOUR * i + 60 for i in range(10)],
+     r"reached RPMB write limit \(10 >= 10\) over last 86400 seconds, one slot will free in "
+     r"539[0-9]{2} seconds"),
+    (20, [HOUR * (12 * i + 1) for i in range(20)],
+     r"reached RPMB write limit \(20 >= 20\) over last 864000 seconds, one slot will free in "
+     r"[0-9]+ seconds"),
+]
+
+
+@pytest.mark.parametrize("counter, stamps, warning", GUARDS)
+def test_rpmb_write_guards(sandbox, start_daemon, rpmb_server, rpmb, counter, stamps, warning):
+    """A worn or busy RPMB is not written: no "/dataAuthenticate", the next try much later."""
+    write_status(sandbox, counter, stamps)
+    rpmb.counter = counter
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base, "--debug")
+    daemon.wait_for_log(r": " + warning + "$", timeout=10)
+    daemon.wait_for_log(r"scheduling a retry in (86400|[0-9]{4,}) secs$", timeout=2)
+    time.sleep(2.5)
+    assert [r.path for r in rpmb_server.requests] == PATHS[:1]
+    assert rpmb.counter == counter and status(sandbox)["rpmb"]["writeCounter"] == counter
+
+
+REFUSALS = [
+    # the card checks the MAC, which covers the counter, before the counter itself
+    ("bad_mac", "failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll response: "
+                "RPMB operation failed with code 2"),
+    ("stale_counter", "failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll "
+                      "response: RPMB operation failed with code 2"),
+    ("nonce_mismatch", "request failed with status code: 403, code: "
+                       "RPMBAuthenticationException"),
+]
+
+
+@pytest.mark.parametrize("fault, warning", REFUSALS)
+def test_refused_rpmb_proof_starts_over(sandbox, start_daemon, rpmb_server, rpmb, fault,
+                                        warning):
+    """A proof that fails sends no "/dataVerify" and writes nothing; the next attempt
+    starts over from "/initiate" and completes."""
+    rpmb_server.protocol(PROTO).faults = [fault]
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_log(re.escape(warning), timeout=10)
+    daemon.wait_for_message(DONE, timeout=15)
+    assert [r.path for r in rpmb_server.requests] == PATHS[:2] + PATHS
+    assert rpmb.counter == 1 and status(sandbox)["rpmb"]["writeCounter"] == 1
+
+
+@pytest.mark.parametrize("blocks", [2**32, 70000, -1])
+def test_hostile_read_size_is_refused(sandbox, start_daemon, rpmb_server, rpmb, blocks):
+    """A read no device could answer is refused before anything is allocated, every time."""
+    rpmb_server.protocol(PROTO).nr_blocks = blocks
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    warning = (f"failed RPMB read of {blocks % 2**64} blocks @ 0 for dataAuthRequired enroll "
+               f"response: Invalid argument (22)")
+    daemon.wait_for_message(warning, timeout=10)
+    rss = int(daemon.status()["VmRSS"].split()[0])
+    assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 4, 20)
+    assert daemon.running_pid() and int(daemon.status()["VmRSS"].split()[0]) < rss + 2048
+    assert {r.path for r in rpmb_server.requests} == {PATHS[0]}
