@@ -4,6 +4,8 @@ simulated in files by rpmbsim and, as root, on a device node served by the ioctl
 import json
 import os
 import re
+import shutil
+import stat
 import struct
 import subprocess
 import time
@@ -18,6 +20,7 @@ DONE = "enrollment completed successfully"
 KEY = bytes(range(0x40, 0x60))
 DEVID = b"ZEL-DEVICE-ID:SN-RPMB-1".ljust(256, b"\0")
 RPMBSIM = zeltest.BUILD_DIR / "tools" / "rpmbsim"
+SHIM = zeltest.BUILD_DIR / "tests" / "shim" / "libmmc_shim.so"
 PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
          "/enroll/acknowledge"]
 
@@ -169,3 +172,32 @@ def test_hostile_read_size_is_refused(sandbox, start_daemon, rpmb_server, rpmb, 
     assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 4, 20)
     assert daemon.running_pid() and int(daemon.status()["VmRSS"].split()[0]) < rss + 2048
     assert {r.path for r in rpmb_server.requests} == {PATHS[0]}
+
+
+@pytest.mark.root
+def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
+    """On a device node, through the MMC multi-command ioctl, as the unprivileged user with
+    CAP_SYS_RAWIO raised only around each ioctl."""
+    box = nobody_sandbox
+    rpmb = Rpmb(box.root)
+    node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"
+    os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+    log.touch()
+    for path in (node, log, *box.root.glob("rpmb.*")):
+        shutil.chown(path, "nobody")
+    env = {"LD_PRELOAD": str(SHIM), "ZEL_MMC_SHIM_RPMB": str(rpmb.base),
+           "ZEL_MMC_SHIM_NODE": str(node), "ZEL_MMC_SHIM_LOG": str(log)}
+    daemon = start_daemon(box.args(f"--rpmb={node}", f"--protocol={PROTO}", "--retry=1",
+                                   user="nobody", base_url=rpmb_server.url), env=env)
+    daemon.wait_for_message(DONE, timeout=15)
+    assert daemon.stop() == 0
+
+    assert [r.path for r in rpmb_server.requests] == PATHS
+    assert rpmb.counter == 1
+    assert rpmb.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
+    lines = log.read_text().splitlines()
+    ioctls = [dict(f.split("=") for f in line.split()[1:]) for line in lines[:-1]]
+    assert [i["type"] for i in ioctls] == ["0x0004", "0x0002", "0x0003", "0x0004"]
+    rawio = 1 << 17
+    assert all(int(i["cap_eff"], 16) == rawio and i["rc"] == "0" for i in ioctls)
+    assert lines[-1] == "exit cap_eff=0000000000000000"
