@@ -61,13 +61,11 @@ class Enroller {
     void network_available();
     // Called once per completed enrollment; a later call replaces the callback.
     void register_enrolled_cb(std::function<void()> cb);
-    // The "diagnose" reply: a tuple of one dictionary describing the engine's state.
+    // The "diagnose" reply: a tuple of one dictionary describing the engine's state, its
+    // floating reference sunk.
     GLibPtr<GVariant> diagnose();
 
     void log(const ErrorResponse& error) const;
-
-    // A snapshot for diagnosis: the "(a{sv})" reply tuple, its floating reference sunk.
-    GLibPtr<GVariant> diagnose();
 
     const EnrollerInfo& get_info() const { return *info; }
     const EnrollerStatus& get_status() const { return status; }

@@ -1,6 +1,7 @@
 """"emmc-rpmb-csr" enrollments of the real daemon against the reference server, on an RPMB
 simulated in files by rpmbsim and, as root, on a device node served by the ioctl shim."""
 
+import base64
 import json
 import os
 import re
@@ -14,6 +15,7 @@ from datetime import datetime, timedelta, timezone
 import pytest
 
 import zeltest
+from enrollserver.rpmb import rpmb_mac
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
@@ -107,6 +109,14 @@ def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, devic
     state = status(sandbox)
     assert state["enrolled"] is True and state["rpmb"]["writeCounter"] == device + 1
     assert len(state["rpmb"]["writeTStamps"]) == 1
+
+    # The diagnosis reads the counter and block 0 afresh, with a MAC over its own nonce.
+    reply = zeltest.enroller_call("diagnose").stdout
+    assert f"'counter': <uint32 {device + 1}>" in reply, reply
+    devid = {k: base64.b64decode(v) for k, v in re.findall(r"'(data|nonce|mac)': <'([^']*)'>",
+                                                              reply)}
+    assert devid["data"] == DEVID
+    assert devid["mac"] == rpmb_mac(KEY, [DEVID], devid["nonce"], 0, 0, 1, 0, 0x0400)
 
 
 HOUR, DAY = 3600, 86400
