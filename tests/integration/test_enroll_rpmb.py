@@ -15,7 +15,8 @@ from datetime import datetime, timedelta, timezone
 import pytest
 
 import zeltest
-from enrollserver.rpmb import rpmb_mac
+from enrollserver import Fault
+from enrollserver.rpmb import b64, rpmb_mac
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
@@ -144,6 +145,22 @@ def test_rpmb_write_guards(sandbox, start_daemon, rpmb_server, rpmb, counter, st
     time.sleep(2.5)
     assert [r.path for r in rpmb_server.requests] == PATHS[:1]
     assert rpmb.counter == counter and status(sandbox)["rpmb"]["writeCounter"] == counter
+
+
+def test_worn_rpmb_is_never_written(sandbox, start_daemon, rpmb_server, rpmb):
+    """Not even a server that asks for the write straight away gets a worn RPMB written."""
+    write_status(sandbox, 501)
+    rpmb.counter = 501
+    rpmb_server.inject("/initiate", Fault.json({
+        "status": "dataVerifyRequired", "enrollmentProtocol": PROTO, "cbData": "x",
+        "rpmbSignAuthorizer": {"data": b64(bytes(256)), "hmac": b64(bytes(32))}}))
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_log(re.escape(
+        "bool Enroller::rpmb_write(const RPMBSignAuthorizer*, const char*): assertion "
+        "'status.rpmb.writeCounter <= MAX_RPMB_WRITE_COUNTER' failed"), timeout=10)
+    daemon.wait_for_log(re.escape("RPMB reached maximum allowed number of writes (501 >= 500)"),
+                        timeout=10)
+    assert rpmb.counter == 501 and status(sandbox)["rpmb"]["writeCounter"] == 501
 
 
 REFUSALS = [
