@@ -31,27 +31,20 @@ PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
 class Rpmb:
     """A simulated RPMB made by rpmbsim with KEY, block 0 holding DEVID."""
 
-    def __init__(self, root, counter=0):
+    def __init__(self, root):
         self.base = root / "rpmb"
         (root / "rpmb-key").write_bytes(KEY)
         subprocess.run([RPMBSIM, "create", self.base, "1", "--key-file", root / "rpmb-key"],
                        check=True, capture_output=True, timeout=10)
         with open(f"{self.base}.data", "r+b") as f:
             f.write(DEVID)
-        self.counter = counter
+        self.wrctr = root / "rpmb.wrctr"
 
-    @property
-    def counter(self):
-        return struct.unpack(">I", open(f"{self.base}.wrctr", "rb").read())[0]
-
-    @counter.setter
-    def counter(self, value):
-        open(f"{self.base}.wrctr", "wb").write(struct.pack(">I", value))
+    counter = property(lambda self: struct.unpack(">I", self.wrctr.read_bytes())[0],
+                       lambda self, value: self.wrctr.write_bytes(struct.pack(">I", value)))
 
     def block(self, n):
-        with open(f"{self.base}.data", "rb") as f:
-            f.seek(n * 256)
-            return f.read(256)
+        return (self.base.parent / "rpmb.data").read_bytes()[n * 256:(n + 1) * 256]
 
 
 @pytest.fixture
@@ -93,7 +86,10 @@ def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, devic
     one authorised write lands in block 1, counts once and is recorded with its time."""
     write_status(sandbox, stored)
     rpmb.counter = device
+    rpmb_server.inject("/dataAuthenticate", Fault.delay(0.5))
     daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    rpmb_server.wait_for_request("/dataAuthenticate")
+    assert status(sandbox)["rpmb"]["writeCounter"] == device
     daemon.wait_for_message(DONE, timeout=15)
 
     assert [r.path for r in rpmb_server.requests] == PATHS
