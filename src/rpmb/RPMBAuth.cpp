@@ -8,6 +8,7 @@
 
 #include "GLibPtr.h"
 #include "RPMB.h"
+#include "ScopedFd.h"
 
 namespace {
 
@@ -32,17 +33,16 @@ void RPMBAuth::set_key(const unsigned char* key_) {
 }
 
 bool RPMBAuth::new_nonce() {
-    const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    const ScopedFd fd(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+    if (!fd)
         return false;
     size_t got = 0;
     while (got < sizeof(nonce)) {
-        const ssize_t n = ::read(fd, nonce + got, sizeof(nonce) - got);
+        const ssize_t n = ::read(fd.get(), nonce + got, sizeof(nonce) - got);
         if (n <= 0)
             break;
         got += static_cast<size_t>(n);
     }
-    close(fd);
     return got == sizeof(nonce);
 }
 

@@ -134,5 +134,5 @@ using GCharPtr = GFreePtr<gchar>;
 using GStrvPtr = CPtr<gchar*, g_strfreev>;
 using GErrorPtr = CPtr<GError, g_error_free>;
 using GMainLoopPtr = CPtr<GMainLoop, g_main_loop_unref>;
-using GHmacPtr = CPtr<GHmac, g_hmac_unref>;
 using GOptionContextPtr = CPtr<GOptionContext, g_option_context_free>;
+using GHmacPtr = CPtr<GHmac, g_hmac_unref>;
