@@ -159,15 +159,12 @@ def test_worn_rpmb_is_never_written(sandbox, start_daemon, rpmb_server, rpmb):
     assert rpmb.counter == 501 and status(sandbox)["rpmb"]["writeCounter"] == 501
 
 
-REFUSALS = [
-    # the card checks the MAC, which covers the counter, before the counter itself
-    ("bad_mac", "failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll response: "
-                "RPMB operation failed with code 2"),
-    ("stale_counter", "failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll "
-                      "response: RPMB operation failed with code 2"),
-    ("nonce_mismatch", "request failed with status code: 403, code: "
-                       "RPMBAuthenticationException"),
-]
+WRITE_REFUSED = ("failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll response: "
+                 "RPMB operation failed with code 2")
+# the card checks the MAC, which covers the counter, before the counter itself
+REFUSALS = [("bad_mac", WRITE_REFUSED), ("stale_counter", WRITE_REFUSED),
+            ("nonce_mismatch", "request failed with status code: 403, code: "
+                               "RPMBAuthenticationException")]
 
 
 @pytest.mark.parametrize("fault, warning", REFUSALS)
@@ -195,6 +192,14 @@ def test_hostile_read_size_is_refused(sandbox, start_daemon, rpmb_server, rpmb, 
     assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 4, 20)
     assert daemon.running_pid() and int(daemon.status()["VmRSS"].split()[0]) < rss + 2048
     assert {r.path for r in rpmb_server.requests} == {PATHS[0]}
+
+
+def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_server):
+    daemon = start(sandbox, start_daemon, rpmb_server, sandbox.root / "none")
+    warning = (f"failed to open simulated RPMB with base name '{sandbox.root}/none': "
+               "No such file or directory (2)")
+    assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 2, 10)
+    assert rpmb_server.requests == []
 
 
 @pytest.mark.root
