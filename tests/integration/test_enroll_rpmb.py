@@ -114,6 +114,10 @@ def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, devic
                                                               reply)}
     assert devid["data"] == DEVID
     assert devid["mac"] == rpmb_mac(KEY, [DEVID], devid["nonce"], 0, 0, 1, 0, 0x0400)
+    rpmb.wrctr.write_bytes(b"")  # a counter the card fails to read
+    reply = zeltest.enroller_call("diagnose").stdout
+    assert "'counter'" not in reply and "'devid'" in reply
+    daemon.wait_for_message("failed to read RPMB write counter for diagnosis: RPMB failure (6)")
 
 
 HOUR, DAY = 3600, 86400
