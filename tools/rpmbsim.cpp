@@ -47,8 +47,7 @@ const char* const description =
     "                             write the NRSP raw response frames to standard output\n"
     "BASE may be an RPMB device node; --key-file is then needed to check MACs.\n";
 
-int fail(const char* format, ...) G_GNUC_PRINTF(1, 2);
-int fail(const char* format, ...) {
+G_GNUC_PRINTF(1, 2) int fail(const char* format, ...) {
     va_list args;
     va_start(args, format);
     fputs("rpmbsim: ", stderr);
@@ -58,12 +57,18 @@ int fail(const char* format, ...) {
     return 1;
 }
 
+// Reports a failed GLib call; false.
+bool failed(GError* error) {
+    const GErrorPtr owned(error);
+    fail("%s", owned->message);
+    return false;
+}
+
 bool parse_number(const char* text, unsigned long min, unsigned long max, unsigned long* value) {
     guint64 parsed = 0;
-    if (!g_ascii_string_to_unsigned(text, 10, min, max, &parsed, nullptr))
-        return false;
+    const bool ok = g_ascii_string_to_unsigned(text, 10, min, max, &parsed, nullptr);
     *value = parsed;
-    return true;
+    return ok;
 }
 
 // The whole file, which must be exactly `size` bytes long.
@@ -71,11 +76,8 @@ bool read_exact(const char* path, size_t size, std::vector<unsigned char>* bytes
     gchar* contents = nullptr;
     gsize length = 0;
     GError* error = nullptr;
-    if (!g_file_get_contents(path, &contents, &length, &error)) {
-        const GErrorPtr owned(error);
-        fail("%s", owned->message);
-        return false;
-    }
+    if (!g_file_get_contents(path, &contents, &length, &error))
+        return failed(error);
     const GCharPtr owned(contents);
     if (length != size) {
         fail("'%s' holds %zu bytes instead of %zu", path, static_cast<size_t>(length), size);
@@ -87,13 +89,10 @@ bool read_exact(const char* path, size_t size, std::vector<unsigned char>* bytes
 
 bool write_file(const char* path, const unsigned char* data, size_t length, int mode) {
     GError* error = nullptr;
-    if (g_file_set_contents_full(path, reinterpret_cast<const char*>(data),
-                                 static_cast<gssize>(length), G_FILE_SET_CONTENTS_CONSISTENT, mode,
-                                 &error))
-        return true;
-    const GErrorPtr owned(error);
-    fail("%s", owned->message);
-    return false;
+    return g_file_set_contents_full(path, reinterpret_cast<const char*>(data),
+                                    static_cast<gssize>(length), G_FILE_SET_CONTENTS_CONSISTENT,
+                                    mode, &error) ||
+           failed(error);
 }
 
 int create(const char* base, const char* units_text) {
@@ -116,32 +115,31 @@ int create(const char* base, const char* units_text) {
     return 0;
 }
 
-// The RPMB behind `base`, with the key that checks its MACs in `auth` when one is known.
-std::unique_ptr<RPMB> open_rpmb(const char* base, RPMBAuth* auth, bool need_key) {
-    std::unique_ptr<RPMB> rpmb;
+// The RPMB behind `base`, and the key that checks its MACs in `auth` when `auth` is given.
+std::unique_ptr<RPMB> open_rpmb(const char* base, RPMBAuth* auth) {
     const bool device = is_dev(base);
+    std::unique_ptr<RPMB> rpmb;
     if (device) {
         auto dev = std::make_unique<RPMBDevice>();
-        if (!dev->open(base)) {
-            fail("cannot open RPMB device '%s': %s", base, strerror(errno));
-            return nullptr;
-        }
-        rpmb = std::move(dev);
+        if (dev->open(base))
+            rpmb = std::move(dev);
     } else {
         auto sim = std::make_unique<RPMBSimulator>();
-        if (!sim->open(base)) {
-            fail("cannot open simulated RPMB '%s': %s", base, strerror(errno));
-            return nullptr;
-        }
-        rpmb = std::move(sim);
+        if (sim->open(base))
+            rpmb = std::move(sim);
     }
-    const std::string path = key_file ? key_file : std::string(base) + ".key";
-    if (need_key) {
-        std::vector<unsigned char> key;
+    if (!rpmb) {
+        fail("cannot open %s '%s': %s", device ? "RPMB device" : "simulated RPMB", base,
+             strerror(errno));
+        return nullptr;
+    }
+    if (auth) {
         if (device && !key_file) {
             fail("checking the MACs of a device needs --key-file");
             return nullptr;
         }
+        std::vector<unsigned char> key;
+        const std::string path = key_file ? key_file : std::string(base) + ".key";
         if (!read_exact(path.c_str(), RPMB::KEY_SIZE, &key))
             return nullptr;
         auth->set_key(key.data());
@@ -194,7 +192,7 @@ int read_counter(RPMB& rpmb, RPMBAuth& auth, unsigned int* counter) {
 
 int info(const char* base) {
     RPMBAuth auth;
-    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth, true);
+    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth);
     unsigned int counter = 0;
     if (!rpmb || read_counter(*rpmb, auth, &counter) != 0)
         return 1;
@@ -213,7 +211,7 @@ int read_blocks(const char* base, const char* block_text) {
     if (count < 1 || block + count > 0x10000)
         return fail("bad count %d for block %lu", count, block);
     RPMBAuth auth;
-    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth, true);
+    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth);
     if (!rpmb)
         return 1;
     if (!auth.new_nonce())
@@ -238,7 +236,7 @@ int write_block(const char* base, const char* block_text, const char* data_file)
     if (!read_exact(data_file, RPMB::BLOCK_SIZE, &data))
         return 1;
     RPMBAuth auth;
-    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth, true);
+    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, &auth);
     unsigned int counter = 0;
     if (!rpmb || read_counter(*rpmb, auth, &counter) != 0)
         return 1;
@@ -264,7 +262,7 @@ int relay_frames(const char* base, const char* nrsp_text) {
         req.push_back(frame);
     if (req.empty() || req.size() > RPMB::MAX_FRAMES || !feof(stdin) || ferror(stdin))
         return fail("standard input must hold 1 to 65535 whole frames of 512 bytes");
-    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, nullptr, false);
+    const std::unique_ptr<RPMB> rpmb = open_rpmb(base, nullptr);
     if (!rpmb)
         return 1;
     std::vector<RPMB::Frame> rsp(nrsp);

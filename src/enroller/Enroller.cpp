@@ -2,6 +2,7 @@
 
 #include "ClassCallback.h"
 #include "Key.h"
+#include "RPMB.h"
 
 Enroller::Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session)
     : info(&info), status(statusFile), session(session) {
@@ -41,6 +42,7 @@ Enroller::~Enroller() {
         g_signal_handler_disconnect(g_network_monitor_get_default(), networkHandler);
     cancel_retry_timeout();
     enrolledCallback = nullptr;
+    close_rpmb();
 }
 
 void Enroller::register_enrolled_cb(std::function<void()> cb) {

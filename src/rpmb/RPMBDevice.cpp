@@ -37,9 +37,12 @@ void set_cmd(mmc_ioc_cmd& cmd, unsigned int write_flag, unsigned int opcode,
 }  // namespace
 
 RPMBDevice::~RPMBDevice() {
-    // Only ever closes an already closed descriptor, which does nothing; see the header.
+    // Only ever closes an already closed descriptor, which does nothing (see the header);
+    // the errno of whatever failed before the object was dropped is kept for its report.
+    const int saved_errno = errno;
     if (fd == -1)
         close();
+    errno = saved_errno;
 }
 
 bool RPMBDevice::open(const char* path) {

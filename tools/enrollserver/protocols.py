@@ -81,4 +81,7 @@ class NoAuthCsr:
         return server.enrolled(enrollment, csr)
 
 
-PROTOCOLS = {protocol.name: protocol for protocol in (NoAuthCsr(),)}
+from .rpmb import EmmcRpmbCsr  # noqa: E402  (it builds on the helpers above)
+
+# Each server makes its own instance of these, so that their knobs stay per server.
+PROTOCOLS = {protocol.name: protocol for protocol in (NoAuthCsr(), EmmcRpmbCsr())}
