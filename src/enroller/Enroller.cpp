@@ -3,6 +3,7 @@
 #include "ClassCallback.h"
 #include "Key.h"
 #include "RPMB.h"
+#include "TPM2.h"
 
 Enroller::Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session)
     : info(&info), status(statusFile), session(session) {
@@ -43,6 +44,8 @@ Enroller::~Enroller() {
     cancel_retry_timeout();
     enrolledCallback = nullptr;
     close_rpmb();
+    if (tpm2)
+        tpm2->close();
 }
 
 void Enroller::register_enrolled_cb(std::function<void()> cb) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "EnrollerInfo.h"
 #include "EnrollerStatus.h"
@@ -17,8 +18,10 @@
 class JsonObjectOutput;
 class Key;
 class RPMB;
+class TPM2;
 struct EnrollResponse;
 struct ErrorResponse;
+struct HMACRequest;
 struct RPMBReadRequest;
 struct RPMBReadResult;
 struct RPMBSignAuthRequest;
@@ -115,13 +118,15 @@ class Enroller {
     void read_pubkey();
     void load_device_key(bool announce);
     bool get_csr();
+    std::vector<unsigned char> tpm2_auth_key_csr_hmac(const HMACRequest* req, const char* status);
 
     Request request = REQUEST_NONE;
     uint64_t received = 0;
     const EnrollerInfo* info;
     EnrollerStatus status;
     SoupSession* session;
-    std::unique_ptr<RPMB> rpmb;      // open while held
+    std::unique_ptr<RPMB> rpmb;  // open while held
+    std::unique_ptr<TPM2> tpm2;
     std::unique_ptr<Key> deviceKey;  // read once per enrollment
     std::string csrPem;
     std::string publicKeyPem;

@@ -7,6 +7,7 @@
 #include "EnrollerMessages.h"
 #include "JsonObjectOutput.h"
 #include "Key.h"
+#include "TPM2.h"
 
 void Enroller::initiate() {
     if (info->hasProtocol(PROTO_EMMC_RPMB_CSR) && !rpmb && !open_rpmb())
@@ -147,7 +148,22 @@ void Enroller::handle_data_verify_req(const EnrollResponse& rsp) {
 void Enroller::handle_csr_auth_required_req(const EnrollResponse& rsp) {
     if (!check_protocol(rsp, PROTO_TPM2_AUTHKEY_CSR))
         return;
-    g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "tpm2.is_open()");
+    if (!tpm2 || !tpm2->is_open()) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "tpm2.is_open()");
+        return;
+    }
+    if (!ensure_csr())
+        return;
+    const std::vector<unsigned char> hmac =
+        tpm2_auth_key_csr_hmac(rsp.hmacRequest.get(), rsp.status.c_str());
+    if (hmac.empty())
+        return;
+
+    JsonObjectOutput out;
+    out.addProperty("cbData", rsp.cbData.c_str());
+    out.addProperty("CSR", csrPem.c_str());
+    out.addProperty("hmac", hmac.data(), hmac.size());
+    send_json(REQUEST_CSR_VERIFY, out, G_STRFUNC);
 }
 
 void Enroller::handle_enrolled_req(const EnrollResponse& rsp) {
