@@ -21,6 +21,19 @@ def daemon_binary():
     return zeltest.DAEMON
 
 
+@pytest.fixture(autouse=True)
+def buses(monkeypatch):
+    """Private system and session buses for every test; the daemon and every client the
+    test starts find them through the environment, never the machine's own buses."""
+    for name in ("DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"):
+        monkeypatch.delenv(name, raising=False)
+    started = zeltest.Buses().start()
+    for name, value in started.env.items():
+        monkeypatch.setenv(name, value)
+    yield started
+    started.stop()
+
+
 @pytest.fixture
 def sandbox():
     """A Sandbox owned by the current user."""
@@ -71,6 +84,20 @@ def identity(sandbox):
     yield make
     for files in made:
         files.cleanup()
+
+
+@pytest.fixture
+def helpers():
+    """helpers(command): a started zeltest.Process, stopped at the end of the test."""
+    started = []
+
+    def start(command):
+        started.append(zeltest.Process([str(a) for a in command]))
+        return started[-1]
+
+    yield start
+    for process in reversed(started):
+        process.stop()
 
 
 @pytest.fixture(scope="session")
