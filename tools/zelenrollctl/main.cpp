@@ -41,18 +41,32 @@ struct Options {
     gchar* key = nullptr;
     gboolean session_bus = FALSE;
     gboolean json = FALSE;
-    double timeout = -1;
-    double fraction = -1;
+    gchar* timeout_text = nullptr;
+    gchar* fraction_text = nullptr;
+    double timeout = 300;
+    double fraction = 0.66;
 
     ~Options() {
         g_free(status_file);
         g_free(services_dir);
         g_free(key);
+        g_free(timeout_text);
+        g_free(fraction_text);
     }
     std::string status_path() const { return status_file ? status_file : DEFAULT_STATUS_FILE; }
     std::string services_path() const { return services_dir ? services_dir : DEFAULT_SERVICES_DIR; }
     std::string key_path() const { return key ? key : DEFAULT_KEY_FILE; }
 };
+
+// A finite number making up the whole of `text`.
+bool parse_number(const char* text, double* out) {
+    char* end = nullptr;
+    const double value = g_ascii_strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(value))
+        return false;
+    *out = value;
+    return true;
+}
 
 int fail(int code, const std::string& text) {
     std::cerr << "zelenrollctl: " << text << "\n";
@@ -147,7 +161,7 @@ int cmd_diagnose(const Options& opts) {
 
 int cmd_wait(const Options& opts) {
     EnrollerClient client(opts.session_bus);
-    const double timeout = opts.timeout < 0 ? 300 : opts.timeout;
+    const double timeout = opts.timeout;
     if (client.wait_enrolled(timeout)) {
         std::printf("enrolled\n");
         return EXIT_OK;
@@ -160,7 +174,7 @@ int cmd_wait(const Options& opts) {
 }
 
 int cmd_renew(const Options& opts) {
-    const double fraction = opts.fraction < 0 ? 0.66 : opts.fraction;
+    const double fraction = opts.fraction;
     EnrollerClient client(opts.session_bus);
     bool enrolled = false;
     bool disabled = false;
@@ -222,9 +236,9 @@ int main(int argc, char** argv) {
         {"session-bus", 0, 0, G_OPTION_ARG_NONE, &opts.session_bus,
          "Reach the daemon on the session bus instead of the system bus", nullptr},
         {"json", 0, 0, G_OPTION_ARG_NONE, &opts.json, "JSON output (status, diagnose)", nullptr},
-        {"timeout", 0, 0, G_OPTION_ARG_DOUBLE, &opts.timeout, "Seconds to wait (wait; default 300)",
-         "SECONDS"},
-        {"fraction", 0, 0, G_OPTION_ARG_DOUBLE, &opts.fraction,
+        {"timeout", 0, 0, G_OPTION_ARG_STRING, &opts.timeout_text,
+         "Seconds to wait (wait; default 300)", "SECONDS"},
+        {"fraction", 0, 0, G_OPTION_ARG_STRING, &opts.fraction_text,
          "Share of the certificate's validity after which it is renewed (renew-if-due; "
          "default 0.66)",
          "F"},
@@ -249,12 +263,14 @@ int main(int argc, char** argv) {
     }
     if (!command)
         return fail(EXIT_USAGE, std::string("unknown command '") + argv[1] + "' (see --help)");
-    if ((opts.json && !command->json) || (opts.timeout >= 0 && !command->timeout) ||
-        (opts.fraction >= 0 && !command->fraction))
+    if ((opts.json && !command->json) || (opts.timeout_text && !command->timeout) ||
+        (opts.fraction_text && !command->fraction))
         return fail(EXIT_USAGE, std::string("option not valid with command '") + argv[1] + "'");
-    if (opts.timeout != -1 && !(opts.timeout >= 0 && opts.timeout <= 1e6))
-        return fail(EXIT_USAGE, "--timeout must be between 0 and 1000000 seconds");
-    if (opts.fraction != -1 && !(opts.fraction > 0 && opts.fraction <= 1))
-        return fail(EXIT_USAGE, "--fraction must be above 0 and at most 1");
+    if (opts.timeout_text && !(parse_number(opts.timeout_text, &opts.timeout) &&
+                               opts.timeout >= 0 && opts.timeout <= 1e6))
+        return fail(EXIT_USAGE, "--timeout must be a number of seconds from 0 to 1000000");
+    if (opts.fraction_text && !(parse_number(opts.fraction_text, &opts.fraction) &&
+                                opts.fraction > 0 && opts.fraction <= 1))
+        return fail(EXIT_USAGE, "--fraction must be a number above 0 and at most 1");
     return command->run(opts);
 }
