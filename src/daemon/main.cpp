@@ -213,9 +213,8 @@ int run(bool daemon_child) {
 int main(int argc, char* argv[]) {
     init_libraries();
 
-    const GOptionContextPtr option_context = opts.option_context();
     GError* raw_error = nullptr;
-    if (!g_option_context_parse(option_context.get(), &argc, &argv, &raw_error)) {
+    if (!opts.parse(&argc, &argv, &raw_error)) {
         const GErrorPtr error(raw_error);
         g_message("failed parsing command line: %s", error->message);
         return 1;

@@ -75,26 +75,20 @@ bool EnrollerStatus::load(bool isEnabled) {
         return true;
     }
 
-    GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* rawError = nullptr;
-    if (!json_parser_load_file_checked(parser.get(), path.c_str(), &rawError)) {
-        const GErrorPtr error(rawError);
-        g_warning("failed to parse JSON from enroller status file %s: %s", path.c_str(),
-                  error ? error->message : "unknown");
+    const auto in = JsonObjectInput::open_file(path.c_str(), [this](const char* parse_error) {
+        if (parse_error)
+            g_warning("failed to parse JSON from enroller status file %s: %s", path.c_str(),
+                      parse_error);
+        else
+            g_warning("enroller status file %s is empty", path.c_str());
+    });
+    if (!in)
         return false;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("enroller status file %s is empty", path.c_str());
-        return false;
-    }
-
-    JsonObjectInput in(root);
-    in >> *this;
+    *in >> *this;
     const bool storedEnabled = enabled;
     enabled = isEnabled;
-    if (in.failed()) {
-        g_warning("ignoring invalid data in enroller status file: %s", in.getError());
+    if (in->failed()) {
+        g_warning("ignoring invalid data in enroller status file: %s", in->getError());
         return false;
     }
     g_debug("loaded enroller status from %s", path.c_str());

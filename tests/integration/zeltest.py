@@ -43,8 +43,6 @@ def is_root():
     return os.geteuid() == 0
 
 
-requires_root = pytest.mark.skipif(not is_root(), reason="needs root")
-
 
 def free_port(host="127.0.0.1"):
     """A TCP port nothing listens on at the moment (also good as an unused port)."""
