@@ -171,8 +171,11 @@ def test_policy(sandbox, start_daemon, helpers, user, allowed):
     wait_for_name(daemon)
     caller = None if user == "root" else user
     assert enroller_property("enrolled", user=caller) == "false"
-    assert "com.corvanta.ZelPlayer.Enroller1" in gdbus(
-        "introspect", "--dest", DBUS_NAME, "--object-path", DBUS_PATH, user=caller).stdout
+    introspection = gdbus("introspect", "--dest", DBUS_NAME, "--object-path", DBUS_PATH,
+                          user=caller).stdout
+    for member in ("trigger(out b triggered);", "diagnose(out a{sv} diagnositic);",
+                   "enrolled(s service);", "readonly b enrolled", "readonly b disabled"):
+        assert member in introspection, introspection
     for method in ("trigger", "diagnose"):
         done = enroller_call(method, user=caller)
         assert (done.returncode == 0) == allowed, done.stderr

@@ -8,7 +8,6 @@ Every wait here is bounded in time.
 import json
 import os
 import re
-import select
 import shlex
 import shutil
 import signal
@@ -28,8 +27,9 @@ TOOLS_DIR = SOURCE_DIR / "tools"
 if str(TOOLS_DIR) not in sys.path:
     sys.path.insert(0, str(TOOLS_DIR))  # makes `import enrollserver` work
 
+from privatebus import Buses  # noqa: E402
+
 DAEMON = BUILD_DIR / "src" / "zelenrolld"
-DBUS_POLICY = SOURCE_DIR / "data" / "dbus" / "com.corvanta.ZelPlayer.Enroller1.conf"
 DBUS_NAME = "com.corvanta.ZelPlayer.Enroller1"
 DBUS_PATH = "/com/corvanta/ZelPlayer/Enroller1"
 DBUS_INTERFACE = DBUS_NAME
@@ -441,119 +441,6 @@ class IdentityFiles:
                 self.CORVANTA_DIR.rmdir()
             except OSError:
                 pass
-
-
-# The default policy of a Debian system bus, cut down to what matters here: anyone may
-# connect, nobody owns a name or calls a method unless a policy file allows it.
-_SYSTEM_BUS_POLICY = """
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-    <allow send_destination="org.freedesktop.DBus"
-           send_interface="org.freedesktop.DBus.Introspectable"/>
-    <allow send_destination="org.freedesktop.DBus"
-           send_interface="org.freedesktop.DBus.Properties"/>
-  </policy>
-  <policy user="root">
-    <allow own="org.freedesktop.NetworkManager"/>
-    <allow send_destination="org.freedesktop.NetworkManager"/>
-  </policy>
-  <include>{policy}</include>
-"""
-
-_SESSION_BUS_POLICY = """
-  <policy context="default">
-    <allow user="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-"""
-
-
-class Bus:
-    """A private dbus-daemon listening on a socket in `directory`: `kind` "system" has the
-    system bus's default policy plus the daemon's policy file, "session" allows everything.
-    Any user may connect."""
-
-    def __init__(self, kind, directory):
-        self.kind = kind
-        self.directory = Path(directory)
-        self.config = self.directory / f"{kind}.conf"
-        self.address = None
-        self.proc = None
-
-    def start(self, timeout=5.0):
-        policy = (_SYSTEM_BUS_POLICY.format(policy=DBUS_POLICY) if self.kind == "system"
-                  else _SESSION_BUS_POLICY)
-        self.config.write_text(
-            '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"'
-            ' "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">\n'
-            f"<busconfig><type>{self.kind}</type>"
-            f"<listen>unix:path={self.directory / self.kind}</listen>"
-            f"<auth>EXTERNAL</auth>{policy}</busconfig>\n")
-        with open(self.directory / f"{self.kind}.log", "wb") as log:
-            self.proc = subprocess.Popen(
-                ["dbus-daemon", f"--config-file={self.config}", "--print-address", "--nofork"],
-                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
-        ready, _, _ = select.select([self.proc.stdout], [], [], timeout)
-        line = self.proc.stdout.readline().decode().strip() if ready else ""
-        if not line:
-            self.stop()
-            raise RuntimeError(f"dbus-daemon ({self.kind}) did not start: "
-                               + (self.directory / f"{self.kind}.log").read_text())
-        self.address = line
-        return self
-
-    def stop(self):
-        if self.proc and self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
-        if self.proc and self.proc.stdout:
-            self.proc.stdout.close()
-
-
-class Buses:
-    """A private system bus and session bus in one temporary directory. `env` holds the
-    variables pointing clients at them."""
-
-    def __init__(self):
-        self.directory = Path(tempfile.mkdtemp(prefix="zel-bus-"))
-        os.chmod(self.directory, 0o755)  # reachable for processes of other users
-        self.system = Bus("system", self.directory)
-        self.session = Bus("session", self.directory)
-
-    def start(self):
-        try:
-            self.system.start()
-            self.session.start()
-        except Exception:
-            self.stop()
-            raise
-        return self
-
-    @property
-    def env(self):
-        return {"DBUS_SYSTEM_BUS_ADDRESS": self.system.address,
-                "DBUS_SESSION_BUS_ADDRESS": self.session.address}
-
-    def stop(self):
-        self.session.stop()
-        self.system.stop()
-        shutil.rmtree(self.directory, ignore_errors=True)
 
 
 def gdbus(*args, bus="system", user=None, timeout=10):
