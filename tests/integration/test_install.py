@@ -5,10 +5,10 @@ tools."""
 import os
 import re
 import subprocess
-from pathlib import Path
 
 import pytest
-from zeltest import BUILD_DIR, DBUS_POLICY
+from privatebus import DBUS_POLICY
+from zeltest import BUILD_DIR
 
 UNITS = ["zelenrolld.service", "zelenroll-renew.service", "zelenroll-renew.timer"]
 MAN_PAGES = ["share/man/man1/zelenrollctl.1", "share/man/man1/rpmbsim.1",
