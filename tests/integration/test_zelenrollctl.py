@@ -139,6 +139,15 @@ def test_usage_errors(sandbox, args):
     assert done.returncode == 2 and re.fullmatch(r"zelenrollctl: [^\n]*\n", done.stderr), done
 
 
+@pytest.mark.parametrize("flag,why", [
+    ("--enable", "the daemon is enrolling already"), ("--disable", "enrollment is disabled")])
+def test_renew_if_due_leaves_an_unenrolled_daemon_alone(sandbox, start_daemon, flag, why):
+    start_daemon(sandbox.args(flag, "--retry=3600"))
+    assert wait_until(name_owned, 5)
+    done = ctl(sandbox, "renew-if-due")
+    assert done.returncode == 0 and done.stdout == f"nothing to do: {why}\n", done
+
+
 def device_cert(ca, sandbox, start, end, other_key=False):
     if other_key:
         return ca.issue_unrelated_cert()

@@ -50,7 +50,8 @@ GLibPtr<GVariant> EnrollerClient::call(const char* interface, const char* method
     GError* raw_error = nullptr;
     GLibPtr<GVariant> reply(g_dbus_connection_call_sync(
         bus.get(), ENROLLER_DBUS_NAME, ENROLLER_DBUS_PATH, interface, method, args,
-        G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, &raw_error));
+        G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr,
+        &raw_error));
     if (!reply) {
         const GErrorPtr err(raw_error);
         unreachable = is_unreachable_error(err.get());
@@ -101,9 +102,10 @@ bool EnrollerClient::wait_enrolled(double timeout_secs) {
         return false;
     loop.reset(g_main_loop_new(nullptr, FALSE));
     // Subscribed before the first property read, so that no enrollment falls between them.
+    // Only the name's owner is heard: anyone may send signals on the system bus.
     const guint subscription = g_dbus_connection_signal_subscribe(
-        bus.get(), nullptr, ENROLLER_DBUS_INTERFACE, "enrolled", ENROLLER_DBUS_PATH, nullptr,
-        G_DBUS_SIGNAL_FLAGS_NONE,
+        bus.get(), ENROLLER_DBUS_NAME, ENROLLER_DBUS_INTERFACE, "enrolled", ENROLLER_DBUS_PATH,
+        nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
         class_callback<EnrollerClient, &EnrollerClient::on_enrolled_signal>, this, nullptr);
     timeout_source =
         g_timeout_add(static_cast<guint>(timeout_secs * 1000),

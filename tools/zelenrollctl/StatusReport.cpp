@@ -47,7 +47,7 @@ void StatusReport::print_text() const {
                     kMaxRpmbWriteCounter);
         for (auto it = std::rbegin(RetryPolicy::RPMB_WRITE_RATES);
              it != std::rend(RetryPolicy::RPMB_WRITE_RATES); ++it)
-            std::printf("    last %3ld days:    %u of at most %u\n", it->window / 86400,
+            std::printf("    last %3ld days:   %u of at most %u\n", it->window / 86400,
                         st.rpmb.countWritesInLastSecs(it->window, nullptr), it->limit);
     }
     std::printf("certificate:         %s\n", stored.service_file.c_str());
