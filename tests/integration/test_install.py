@@ -3,6 +3,7 @@ tmpfiles and sysusers entries, manual pages and binaries checked with the system
 tools."""
 
 import os
+import pwd
 import re
 import subprocess
 
@@ -112,3 +113,21 @@ def test_man_page_renders_without_warnings(usr, page):
 def test_installed_binaries_run(usr, binary, text):
     done = run([usr / binary, "--help"])
     assert done.returncode == 0 and text in done.stdout, done.stdout + done.stderr
+
+
+@pytest.mark.root
+def test_installed_daemon_switches_user_within_the_units_limits(usr, nobody_sandbox,
+                                                                 start_daemon):
+    """The unit's capability bounding set and no-new-privileges are enough for the user
+    switch: the installed daemon run under them ends as its user with CAP_SYS_RAWIO."""
+    unit = (usr / "lib/systemd/system/zelenrolld.service").read_text()
+    caps = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.M).group(1).split()
+    assert "NoNewPrivileges=yes" in unit.splitlines()
+    bounding = ",".join(["-all"] + ["+" + c.lower().removeprefix("cap_") for c in caps])
+    daemon = start_daemon([f"--bounding-set={bounding}", "--no-new-privs", usr / "sbin/zelenrolld",
+                           *nobody_sandbox.args(user="nobody")], binary="setpriv")
+    daemon.wait_ready()
+    status = daemon.status()
+    assert status["Uid"].split()[0] == str(pwd.getpwnam("nobody").pw_uid)
+    assert (status["CapPrm"], status["CapEff"]) == ("0000000000020000", "0000000000000000")
+    assert daemon.stop() == 0
