@@ -67,7 +67,7 @@ def test_status_wait_diagnose_and_trigger(sandbox, start_daemon, server):
     assert before["statusFile"]["lastEnrolledTStamp"] is None
     assert before["certificate"]["present"] is False
     assert "running, not enrolled" in ctl(sandbox, "status").stdout
-    one_error_line(ctl(sandbox, "wait", "--timeout=0.2"), 4, "not enrolled within 0 s")
+    one_error_line(ctl(sandbox, "wait", "--timeout=0.2"), 4, "not enrolled within 0.2 s")
 
     # The retry enrolls while waiting.
     done = ctl(sandbox, "wait", "--timeout=20")

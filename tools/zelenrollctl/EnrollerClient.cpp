@@ -113,13 +113,13 @@ bool EnrollerClient::wait_enrolled(double timeout_secs) {
     const guint poll = g_timeout_add_seconds(
         1, class_callback<EnrollerClient, &EnrollerClient::poll_enrolled>, this);
     poll_enrolled();
-    if (!enrolled)
+    if (!enrolled && !refused)
         g_main_loop_run(loop.get());
     g_source_remove(poll);
     if (timeout_source)
         g_source_remove(timeout_source);
     g_dbus_connection_signal_unsubscribe(bus.get(), subscription);
-    unreachable = !enrolled && !answered;
+    unreachable = !enrolled && !answered && !refused;
     return enrolled;
 }
 
@@ -131,6 +131,9 @@ int EnrollerClient::poll_enrolled() {
             enrolled = true;
             g_main_loop_quit(loop.get());
         }
+    } else if (!unreachable) {
+        refused = true;  // the daemon answers, with an error: waiting will not change that
+        g_main_loop_quit(loop.get());
     }
     return G_SOURCE_CONTINUE;
 }

@@ -20,11 +20,13 @@ class EnrollerClient {
     bool diagnose(GLibPtr<GVariant>& dict);
     // Runs the main loop until the daemon reports being enrolled, by its "enrolled" signal
     // or its property (read at once and then every second), or `timeout_secs` passed.
-    // False on timeout; `unreachable` then says whether the daemon never answered.
+    // False on timeout, with `unreachable` set when the daemon never answered, and at once
+    // when the daemon answers with an error (`refused`).
     bool wait_enrolled(double timeout_secs);
 
     std::string error;
     bool unreachable = false;
+    bool refused = false;
 
   private:
     GLibPtr<GVariant> call(const char* interface, const char* method, GVariant* args,

@@ -166,11 +166,10 @@ int cmd_wait(const Options& opts) {
         std::printf("enrolled\n");
         return EXIT_OK;
     }
-    if (client.unreachable)
+    if (client.unreachable || client.refused)
         return client_failure(client);
-    if (!client.error.empty() && !client.unreachable && client.error.rfind("daemon error", 0) == 0)
-        return fail(EXIT_FAILED, client.error);
-    return fail(EXIT_TIMEOUT, "not enrolled within " + std::to_string(std::lround(timeout)) + " s");
+    const GCharPtr text(g_strdup_printf("not enrolled within %g s", timeout));
+    return fail(EXIT_TIMEOUT, text.get());
 }
 
 int cmd_renew(const Options& opts) {
