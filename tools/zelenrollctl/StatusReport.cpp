@@ -4,14 +4,12 @@
 #include <iostream>
 #include <iterator>
 
+#include "Enroller.h"
 #include "JsonObjectOutput.h"
 #include "RetryPolicy.h"
 #include "SysUtils.h"
 
 namespace {
-
-// The engine stops writing the RPMB partition once its write counter reaches this value.
-constexpr unsigned kMaxRpmbWriteCounter = 500;
 
 void add_number(JsonObjectOutput& out, const char* name, long value) {
     out.setMemberName(name);
@@ -44,7 +42,7 @@ void StatusReport::print_text() const {
         std::printf("  last base URL:     %s\n",
                     st.lastEnrollBaseURL.empty() ? "unknown" : st.lastEnrollBaseURL.c_str());
         std::printf("  RPMB writes:       counter %u of at most %u\n", st.rpmb.writeCounter,
-                    kMaxRpmbWriteCounter);
+                    Enroller::MAX_RPMB_WRITE_COUNTER);
         for (auto it = std::rbegin(RetryPolicy::RPMB_WRITE_RATES);
              it != std::rend(RetryPolicy::RPMB_WRITE_RATES); ++it)
             std::printf("    last %3ld days:   %u of at most %u\n", it->window / 86400,
@@ -94,7 +92,7 @@ void StatusReport::print_json() const {
         out.addProperty("lastEnrollBaseURL", st.lastEnrollBaseURL.c_str());
         out.addObjectProperty("rpmb");
         add_number(out, "writeCounter", st.rpmb.writeCounter);
-        add_number(out, "maxWriteCounter", kMaxRpmbWriteCounter);
+        add_number(out, "maxWriteCounter", Enroller::MAX_RPMB_WRITE_COUNTER);
         out.addArrayProperty("writes");
         for (auto it = std::rbegin(RetryPolicy::RPMB_WRITE_RATES);
              it != std::rend(RetryPolicy::RPMB_WRITE_RATES); ++it) {
