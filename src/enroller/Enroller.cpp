@@ -2,6 +2,7 @@
 
 #include "ClassCallback.h"
 #include "Key.h"
+#include "RPMB.h"
 #include "TPM2.h"
 
 Enroller::Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session)
@@ -42,6 +43,7 @@ Enroller::~Enroller() {
         g_signal_handler_disconnect(g_network_monitor_get_default(), networkHandler);
     cancel_retry_timeout();
     enrolledCallback = nullptr;
+    close_rpmb();
     if (tpm2)
         tpm2->close();
 }

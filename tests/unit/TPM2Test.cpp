@@ -108,6 +108,46 @@ TEST(TPM2PaddingTest, ParsePadding) {
         EXPECT_EQ(TPM2::parse_padding(padding, hash), expected) << padding << "/" << hash;
 }
 
+// The qualified name ties the key to the endorsement hierarchy: SHA-256 over the hierarchy's
+// handle and the key's name, behind the algorithm identifier.
+TEST(TPM2KeyCheckTest, TemplateAndQualifiedName) {
+    TPM2B_NAME name{};
+    name.size = 34;
+    for (int i = 0; i < 34; i++)
+        name.name[i] = static_cast<BYTE>(i);
+    GChecksum* sha = g_checksum_new(G_CHECKSUM_SHA256);
+    const guchar endorsement[4] = {0x40, 0x00, 0x00, 0x0B};
+    g_checksum_update(sha, endorsement, 4);
+    g_checksum_update(sha, name.name, name.size);
+    TPM2B_NAME qualified{};
+    qualified.size = 34;
+    qualified.name[1] = 0x0B;
+    gsize len = 32;
+    g_checksum_get_digest(sha, qualified.name + 2, &len);
+    g_checksum_free(sha);
+
+    const TPMT_PUBLIC good = TPM2::authkey_tmpl.publicArea;
+    EXPECT_TRUE(TPM2::check_auth_key_pub(good, name, qualified));
+    TPM2B_NAME owner = qualified;  // the same key in the owner hierarchy
+    owner.name[33] ^= 1;
+    EXPECT_FALSE(TPM2::check_auth_key_pub(good, name, owner));
+
+    std::vector<TPMT_PUBLIC> bad(6, good);
+    bad[0].parameters.rsaDetail.keyBits = 3072;
+    bad[1].objectAttributes |= TPMA_OBJECT_RESTRICTED;
+    bad[2].nameAlg = TPM2_ALG_SHA1;
+    bad[3].parameters.rsaDetail.exponent = 3;
+    bad[4].authPolicy.size = 32;
+    bad[5].parameters.rsaDetail.scheme.scheme = TPM2_ALG_OAEP;
+    for (const TPMT_PUBLIC& pub : bad)
+        EXPECT_FALSE(TPM2::check_auth_key_pub(pub, name, qualified));
+
+    LogCapture log;
+    qualified.size = 32;
+    EXPECT_FALSE(TPM2::check_auth_key_pub(good, name, qualified));
+    EXPECT_TRUE(log.logged(G_LOG_LEVEL_CRITICAL, "unexpected TPM2 qualified name length (32)"));
+}
+
 TEST(TPM2PaddingTest, ValueErrorWhateverItBlames) {
     const std::vector<std::pair<TSS2_RC, bool>> table = {
         {0x084, true},     // no association

@@ -54,7 +54,7 @@ class EnrollServer(BackgroundServer):
                  protocols=("noauth-csr",), log=None):
         self.ca = ca
         self.base_path = base_path.rstrip("/")
-        self.protocols = [PROTOCOLS[name] for name in protocols]
+        self.protocols = [type(PROTOCOLS[name])() for name in protocols]
         self.log = log
         self.extra_services = {}
         self.bad_certificate = False
@@ -73,6 +73,10 @@ class EnrollServer(BackgroundServer):
             self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             self._tls.load_cert_chain(*ca.issue_server_cert())
         super().__init__(host, port, _Handler)
+
+    def protocol(self, name):
+        """This server's instance of protocol `name`, whose knobs tests may set."""
+        return next(p for p in self.protocols if p.name == name)
 
     @property
     def ca_file(self):
