@@ -2,8 +2,8 @@
 
 import pytest
 
-import tpmtest
-import zeltest
+import zeltest  # first: puts tools/ on the module path
+import tpmsim
 
 
 def pytest_configure(config):
@@ -129,13 +129,13 @@ def second_server(ca):
 
 @pytest.fixture
 def swtpm():
-    """A started TPM simulator (tpmtest.Swtpm) in the test's own network namespace, which
+    """A started TPM simulator (tpmsim.Swtpm) in the test's own network namespace, which
     the test's thread, the servers it makes and the processes it starts share (root only).
     Request it before the servers so that they live in the namespace too."""
     if not zeltest.is_root():
         pytest.skip("needs root (network namespace for the simulator's fixed port)")
-    netns = tpmtest.NetNamespace()
-    tpm = tpmtest.Swtpm()
+    netns = tpmsim.NetNamespace()
+    tpm = tpmsim.Swtpm()
     try:
         yield tpm.start()
     finally:

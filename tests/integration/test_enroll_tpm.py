@@ -8,7 +8,7 @@ import re
 
 import pytest
 
-import tpmtest
+import tpmsim
 
 DONE = "enrollment completed successfully"
 PROTO = "--protocol=tpm2-authkey-csr"
@@ -16,7 +16,7 @@ PROTO = "--protocol=tpm2-authkey-csr"
 
 def start(sandbox, start_daemon, server, *extra):
     return start_daemon(sandbox.args(PROTO, "--retry=1", *extra, base_url=server.url),
-                        env=tpmtest.default_tcti_env(sandbox.root))
+                        env=tpmsim.default_tcti_env(sandbox.root))
 
 
 def paths(server):
@@ -25,7 +25,7 @@ def paths(server):
 
 def assert_no_tpm_leaks(swtpm):
     assert swtpm.handles("transient") == []
-    assert swtpm.handles("persistent") == [tpmtest.AUTHKEY_HANDLE]
+    assert swtpm.handles("persistent") == [tpmsim.AUTHKEY_HANDLE]
 
 
 @pytest.mark.parametrize("padding", [("rsaes", None), ("oaep", "sha1"), ("oaep", "sha256")])
@@ -77,7 +77,7 @@ def test_server_refuses_hmac_without_nul(sandbox, start_daemon, swtpm, tpm_serve
 
 
 def test_no_tpm_then_simulator(sandbox, start_daemon, swtpm, tpm_server):
-    if tpmtest.real_tpm_present():
+    if tpmsim.real_tpm_present():
         pytest.skip("a TPM device of this machine would answer instead")
     swtpm.stop()
     daemon = start(sandbox, start_daemon, tpm_server)

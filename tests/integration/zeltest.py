@@ -27,6 +27,7 @@ TOOLS_DIR = SOURCE_DIR / "tools"
 if str(TOOLS_DIR) not in sys.path:
     sys.path.insert(0, str(TOOLS_DIR))  # makes `import enrollserver` work
 
+import childproc  # noqa: E402
 from privatebus import Buses  # noqa: E402
 
 DAEMON = BUILD_DIR / "src" / "zelenrolld"
@@ -41,7 +42,6 @@ SIGNAL_BITS = (1 << (signal.SIGINT - 1)) | (1 << (signal.SIGTERM - 1))
 
 def is_root():
     return os.geteuid() == 0
-
 
 
 def free_port(host="127.0.0.1"):
@@ -488,12 +488,6 @@ class Process:
         self.log.close()
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        childproc.stop(self.proc)
         self._reader.join(2)
         self.proc.stdout.close()
