@@ -9,6 +9,7 @@
 
 #include "Certificate.h"
 #include "CertificateSignRequest.h"
+#include "Command.h"
 #include "Key.h"
 #include "TempDir.h"
 
@@ -16,27 +17,6 @@ namespace {
 
 bool starts_with(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
-}
-
-// Runs a command with its time bounded; true when it exits with status 0. `out` gets its
-// standard output followed by its standard error.
-bool run(std::vector<std::string> args, std::string* out = nullptr) {
-    args.insert(args.begin(), {"timeout", "60"});
-    std::vector<char*> argv;
-    for (std::string& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    char* std_out = nullptr;
-    char* std_err = nullptr;
-    int status = 0;
-    const bool ok = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
-                                 nullptr, &std_out, &std_err, &status, nullptr) &&
-                    g_spawn_check_wait_status(status, nullptr);
-    if (out)
-        *out = std::string(std_out ? std_out : "") + (std_err ? std_err : "");
-    g_free(std_out);
-    g_free(std_err);
-    return ok;
 }
 
 // The alternative serials stay out of the subject.
