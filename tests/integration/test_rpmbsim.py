@@ -4,6 +4,7 @@ the file layout, provisioning and the tool's refusals."""
 import os
 import re
 import stat
+import struct
 
 import pytest
 
@@ -65,6 +66,64 @@ def test_a_flipped_bit_anywhere_in_the_mac_input_is_refused(base):
             assert result in ((2,) if offset < 484 else (1, 2, 3, 4)), (offset, index, result)
     assert counter_of(base) == 0
     assert (base.parent / "rpmb.data").read_bytes() == CONTENTS
+
+
+def tampered(frames, index=0, offset=None, bits=1):
+    if offset is not None:
+        frames[index][offset] ^= bits
+    return frames
+
+
+NONCE = os.urandom(16)
+W = lambda counter, address, blocks, *tamper: tampered(  # noqa: E731
+    write_request(bytes(256 * blocks), counter, address), *tamper)
+R = lambda address, *tamper, **f: tampered(  # noqa: E731
+    [frame(DATA_READ, nonce=NONCE, address=address, **f)], *tamper)
+C = lambda **f: [frame(COUNTER_READ, nonce=NONCE, **f)]  # noqa: E731
+# stored counter, request frames (changed after the MAC is made), response frames, result
+REFUSALS = {
+    "write-wrong-mac": (0, W(0, 1, 1, 0, 227), 1, 2),
+    "write-data-changed": (0, W(0, 2, 2, 1, 483, 0x80), 1, 2),
+    "write-stale-counter": (5, W(4, 1, 1), 1, 3),
+    "write-two-blocks-odd": (0, W(0, 3, 2), 1, 4),
+    "write-beyond-end": (0, W(0, 512, 1), 1, 4),
+    "write-two-over-end": (0, W(0, 511, 2), 1, 4),
+    "write-three-blocks": (0, W(0, 0, 3), 1, 1),
+    "write-nonce": (0, W(0, 1, 1, 0, 484), 1, 1),
+    "write-mac-on-first": (0, W(0, 2, 2, 0, 196), 1, 1),
+    "write-block-count": (0, W(0, 1, 1, 0, 507, 3), 1, 1),
+    "write-address-differs": (0, W(0, 2, 2, 1, 505), 1, 1),
+    "write-expired": (0xFFFFFFFF, W(0xFFFFFFFF, 1, 1), 1, 0x85),
+    "counter-address-set": (7, C(address=1), 1, 1),
+    "counter-data-set": (7, C(data=bytes(9) + b"\1"), 1, 1),
+    "counter-expired": (0xFFFFFFFF, C(), 1, 0x80),
+    "counter-expired-and-invalid": (0xFFFFFFFF, C(result=1), 1, 0x81),
+    "read-last-block": (0, R(511), 1, 0),
+    "read-over-end": (0, R(511), 2, 4),
+    "read-block-count-set": (0, R(0, block_count=1), 1, 1),
+    "read-counter-set": (0, R(0, counter=1), 1, 1),
+    "read-mac-set": (0, R(0, 0, 196), 1, 1),
+}
+
+
+@pytest.mark.parametrize("stored,requests,nrsp,result", REFUSALS.values(), ids=REFUSALS.keys())
+def test_simulator_answers_with_result_and_mac(base, stored, requests, nrsp, result):
+    (base.parent / "rpmb.wrctr").write_bytes(struct.pack(">I", stored))
+    rsp = relay(base, requests, nrsp)
+    _, address, _, _, kind = fields(requests[0])
+    for f in rsp:
+        assert fields(f)[3:] == (result, kind << 8)
+    assert rsp[-1][196:228] == mac(rsp)
+    if kind == DATA_READ:
+        data = CONTENTS[address * 256:(address + nrsp) * 256] if result == 0 else bytes(
+            256 * nrsp)
+        assert b"".join(f[228:484] for f in rsp) == data
+    else:
+        assert fields(rsp[0])[0] == stored
+    if kind == COUNTER_READ:
+        assert rsp[0][484:500] == NONCE
+    assert (base.parent / "rpmb.data").read_bytes() == CONTENTS
+    assert (base.parent / "rpmb.wrctr").read_bytes() == struct.pack(">I", stored)
 
 
 def test_provisioning_round_trip(tmp_path):
