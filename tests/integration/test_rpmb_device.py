@@ -64,7 +64,8 @@ def test_counter_read_tool_write_and_raw_two_block_write_and_read(device):
     assert b"".join(f[228:484] for f in rsp) == data and rsp[1][196:228] == mac(rsp)
     counter, done = served("cmds=2 type=0x0002 nreq=1 nrsp=1"), f"exit cap_eff={NO_CAPS}"
     assert device.log_lines() == [counter, done, counter,
-                                  served("cmds=3 type=0x0003 nreq=1 nrsp=1"), done, served("cmds=3 type=0x0003 nreq=2 nrsp=1"), done,
+                                  served("cmds=3 type=0x0003 nreq=1 nrsp=1"), done,
+                                  served("cmds=3 type=0x0003 nreq=2 nrsp=1"), done,
                                   served("cmds=2 type=0x0004 nreq=1 nrsp=2"), done]
 
 
