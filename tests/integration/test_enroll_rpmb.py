@@ -8,22 +8,19 @@ import re
 import shutil
 import stat
 import struct
-import subprocess
 import time
 from datetime import datetime, timedelta, timezone
 
 import pytest
 
 import zeltest
-from enrollserver import Fault
+from enrollserver import EnrollServer, Fault
 from enrollserver.rpmb import b64, rpmb_mac
+from rpmbframes import KEY, SHIM, make_simulator
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
-KEY = bytes(range(0x40, 0x60))
 DEVID = b"ZEL-DEVICE-ID:SN-RPMB-1".ljust(256, b"\0")
-RPMBSIM = zeltest.BUILD_DIR / "tools" / "rpmbsim"
-SHIM = zeltest.BUILD_DIR / "tests" / "shim" / "libmmc_shim.so"
 PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
          "/enroll/acknowledge"]
 
@@ -32,12 +29,7 @@ class Rpmb:
     """A simulated RPMB made by rpmbsim with KEY, block 0 holding DEVID."""
 
     def __init__(self, root):
-        self.base = root / "rpmb"
-        (root / "rpmb-key").write_bytes(KEY)
-        subprocess.run([RPMBSIM, "create", self.base, "1", "--key-file", root / "rpmb-key"],
-                       check=True, capture_output=True, timeout=10)
-        with open(f"{self.base}.data", "r+b") as f:
-            f.write(DEVID)
+        self.base = make_simulator(root, DEVID + bytes(511 * 256))
         self.wrctr = root / "rpmb.wrctr"
 
     counter = property(lambda self: struct.unpack(">I", self.wrctr.read_bytes())[0],
@@ -54,7 +46,6 @@ def rpmb(sandbox):
 
 @pytest.fixture
 def rpmb_server(ca):
-    from enrollserver import EnrollServer
     srv = EnrollServer(ca, protocols=(PROTO,)).start()
     proto = srv.protocol(PROTO)
     proto.keys["SN-TEST-1"] = KEY
