@@ -87,15 +87,6 @@ def test_enrolled_property_signal_and_trigger(sandbox, start_daemon, server, hel
     assert monitor.log.count(signal_re) == 2
 
 
-def test_trigger_is_refused_while_a_request_is_in_flight(sandbox, start_daemon, server):
-    server.inject("/initiate", Fault.delay(3))
-    daemon = start_daemon(sandbox.args(base_url=server.url))
-    server.wait_for_request("/initiate")
-    assert enroller_call("trigger").stdout.strip() == "(false,)"
-    daemon.wait_for_message("received trigger call but enrollment is ongoing")
-    assert "forcedEnrollTStamp" not in json.loads(sandbox.status_file.read_text())
-
-
 @pytest.mark.parametrize("flag,disabled", [("--disable", "true"), ("--enable", "false")])
 def test_disabled_property_and_diagnosis(sandbox, start_daemon, flag, disabled):
     daemon = start_daemon(sandbox.args(flag, "--protocol=noauth-csr"))

@@ -8,7 +8,7 @@ import subprocess
 import pytest
 from cryptography.hazmat.primitives import serialization
 from enrollserver.faults import Fault
-from zeltest import BUILD_DIR, DBUS_NAME, gdbus, wait_until
+from zeltest import BUILD_DIR, enroller_property, wait_until
 
 CTL = BUILD_DIR / "tools" / "zelenrollctl" / "zelenrollctl"
 DONE = "enrollment completed successfully"
@@ -37,10 +37,7 @@ def one_error_line(done, code, text):
 
 
 def name_owned():
-    done = gdbus("call", "--dest", "org.freedesktop.DBus", "--object-path",
-                 "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.NameHasOwner",
-                 DBUS_NAME)
-    return done.stdout.strip() == "(true,)"
+    return enroller_property("enrolled") is not None
 
 
 def initiates(server):
@@ -100,9 +97,11 @@ def test_status_wait_diagnose_and_trigger(sandbox, start_daemon, server):
 
 def test_trigger_refused_while_a_request_is_in_flight(sandbox, start_daemon, server):
     server.inject("/initiate", Fault.delay(3))
-    start_daemon(sandbox.args(base_url=server.url))
+    daemon = start_daemon(sandbox.args(base_url=server.url))
     server.wait_for_request("/initiate")
     one_error_line(ctl(sandbox, "trigger"), 1, "trigger refused")
+    daemon.wait_for_message("received trigger call but enrollment is ongoing")
+    assert "forcedEnrollTStamp" not in json.loads(sandbox.status_file.read_text())
 
 
 @pytest.mark.parametrize("args", [
@@ -118,9 +117,8 @@ def test_daemon_absent(sandbox, args):
 
 
 @pytest.mark.parametrize("contents,error", [
-    ("{", "failed to parse JSON"), ("", "is empty"), ("[1]", "object"),
-    ('{"enrolled": true, "rpmb": {}}', "missing member 'writeCounter'"),
-    ('{"rpmb": {"writeCounter": 1, "writeTStamps": [1]}}', "does not hold a string")])
+    ("{", "failed to parse JSON"), ('{"enrolled": true, "rpmb": {}}', "missing member "
+                                     "'writeCounter'")])
 def test_invalid_status_file(sandbox, start_daemon, contents, error):
     start_daemon(sandbox.args("--retry=3600"))
     assert wait_until(name_owned, 5)
@@ -131,9 +129,8 @@ def test_invalid_status_file(sandbox, start_daemon, contents, error):
 
 
 @pytest.mark.parametrize("args", [
-    [], ["bogus"], ["status", "extra"], ["trigger", "--json"], ["status", "--timeout=1"],
-    ["wait", "--timeout=-1"], ["wait", "--timeout=abc"], ["renew-if-due", "--fraction=0"],
-    ["renew-if-due", "--fraction=1.5"], ["renew-if-due", "--fraction=nan"], ["--nope"]])
+    [], ["bogus"], ["status", "extra"], ["trigger", "--json"], ["wait", "--timeout=-1"],
+    ["renew-if-due", "--fraction=0"], ["renew-if-due", "--fraction=nan"]])
 def test_usage_errors(sandbox, args):
     done = ctl(sandbox, *args)
     assert done.returncode == 2 and re.fullmatch(r"zelenrollctl: [^\n]*\n", done.stderr), done
