@@ -4,11 +4,12 @@ import datetime
 import json
 import re
 import subprocess
+import time
 
 import pytest
 from cryptography.hazmat.primitives import serialization
 from enrollserver.faults import Fault
-from zeltest import BUILD_DIR, enroller_property, wait_until
+from zeltest import BUILD_DIR, DBUS_NAME, DBUS_PATH, enroller_property, wait_until
 
 CTL = BUILD_DIR / "tools" / "zelenrollctl" / "zelenrollctl"
 DONE = "enrollment completed successfully"
@@ -52,12 +53,14 @@ def enrolled(sandbox, start_daemon, server):
     return daemon
 
 
-def test_status_wait_diagnose_and_trigger(sandbox, start_daemon, server):
+def test_status_wait_diagnose_trigger_and_the_enrolled_signal(sandbox, start_daemon, server,
+                                                              helpers):
+    monitor = helpers(["gdbus", "monitor", "--system", "--dest", DBUS_NAME])
     # The first attempt fails, so that the state before enrolling can be read.
     server.inject("/initiate", Fault.error(500, "InternalServerError"))
     daemon = start_daemon(sandbox.args("--retry=2", base_url=server.url))
     daemon.wait_for_log(FAILED_ATTEMPT)
-    assert wait_until(name_owned, 5)
+    assert wait_until(name_owned, 5) and enroller_property("enrolled") == "false"
     before = ctl_json(sandbox, "status")
     assert before["daemon"] == {"running": True, "enrolled": False, "disabled": False}
     assert before["statusFile"]["enrolled"] is False
@@ -70,7 +73,9 @@ def test_status_wait_diagnose_and_trigger(sandbox, start_daemon, server):
     done = ctl(sandbox, "wait", "--timeout=20")
     assert done.returncode == 0 and done.stdout == "enrolled\n", (done.stderr, daemon.output())
     after = ctl_json(sandbox, "status")
-    assert after["daemon"]["enrolled"] is True
+    assert after["daemon"]["enrolled"] is True and enroller_property("enrolled") == "true"
+    signal_re = re.escape(f"{DBUS_PATH}: {DBUS_NAME}.enrolled ('aws-iot',)")
+    assert monitor.log.wait_for(signal_re, 5)
     state = after["statusFile"]
     assert state["enrolled"] and state["lastEnrollBaseURL"] == server.url
     assert state["lastEnrolledTStamp"] is not None and state["forcedEnrollTStamp"] is None
@@ -90,9 +95,14 @@ def test_status_wait_diagnose_and_trigger(sandbox, start_daemon, server):
 
     done = ctl(sandbox, "trigger")
     assert done.returncode == 0 and done.stdout == "re-enrollment triggered\n", done.stderr
+    daemon.wait_for_message("received trigger call, enrolled status reset and scheduled a retry")
+    assert ctl_json(sandbox, "status")["statusFile"]["forcedEnrollTStamp"] is not None
     server.wait_for_request("/initiate", count=3)
     assert ctl(sandbox, "wait", "--timeout=20").returncode == 0
-    assert ctl_json(sandbox, "status")["statusFile"]["forcedEnrollTStamp"] is not None
+    # each enrollment signals once
+    assert wait_until(lambda: monitor.log.count(signal_re) == 2, 15), monitor.log.text()
+    time.sleep(0.5)
+    assert monitor.log.count(signal_re) == 2
 
 
 def test_trigger_refused_while_a_request_is_in_flight(sandbox, start_daemon, server):
