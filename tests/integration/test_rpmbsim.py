@@ -146,7 +146,6 @@ def test_provisioning_round_trip(tmp_path):
 
 @pytest.mark.parametrize("args,error", [
     (("create", "{d}/n", "0", "--key-file", "{d}/k32"), "bad size '0'"),
-    (("create", "{d}/n", "129", "--key-file", "{d}/k32"), "bad size '129'"),
     (("create", "{d}/n", "1"), "create needs exactly one of --key-file and --new-key"),
     (("create", "{d}/n", "1", "--key-file", "{d}/k31"), "'{d}/k31' holds 31 bytes instead of 32"),
     (("create", "{d}/n", "1", "--key-file", "{d}/none"), "No such file or directory"),
@@ -157,8 +156,6 @@ def test_provisioning_round_trip(tmp_path):
     (("read", "{d}/rpmb", "65535", "--count", "2"), "bad count 2 for block 65535"),
     (("read", "{d}/rpmb", "x"), "bad block 'x'"),
     (("write", "{d}/rpmb", "0", "{d}/k31"), "'{d}/k31' holds 31 bytes instead of 256"),
-    (("write", "{d}/rpmb", "511", "{d}/block"), None),
-    (("write", "{d}/rpmb", "512", "{d}/block"), "write failed: device result 0x04"),
     (("frames", "{d}/rpmb", "1"), "standard input must hold 1 to 65535 whole frames"),
     (("frobnicate", "{d}/rpmb"), "bad command line; see --help"),
 ])
@@ -166,11 +163,7 @@ def test_tool_refusals(base, args, error):
     d = base.parent
     (d / "k32").write_bytes(bytes(32))
     (d / "k31").write_bytes(bytes(31))
-    (d / "block").write_bytes(bytes(256))
     run = rpmbsim(*(a.format(d=d) for a in args))
-    if error is None:
-        assert run.returncode == 0, run.stderr
-        return
     assert run.returncode == 1
     text = run.stderr.decode()
     assert text.count("\n") == 1 and text.startswith("rpmbsim: "), text
