@@ -69,12 +69,9 @@ class TPM2Test : public testing::Test {
 
 TEST(TPM2PaddingTest, ParsePadding) {
     const std::vector<std::tuple<const char*, const char*, TPM2::Padding>> table = {
-        {"rsaes", "whatever", TPM2::RSAES},
-        {"oaep", "sha1", TPM2::OAEP_SHA1},
-        {"oaep", "sha256", TPM2::OAEP_SHA256},
-        {"oaep", "SHA256", TPM2::UNKNOWN_PADDING},
-        {"oaep", "sha384", TPM2::UNKNOWN_PADDING},
-        {"RSAES", "", TPM2::UNKNOWN_PADDING},
+        {"rsaes", "whatever", TPM2::RSAES},        {"oaep", "sha1", TPM2::OAEP_SHA1},
+        {"oaep", "sha256", TPM2::OAEP_SHA256},     {"oaep", "SHA256", TPM2::UNKNOWN_PADDING},
+        {"oaep", "sha384", TPM2::UNKNOWN_PADDING}, {"RSAES", "", TPM2::UNKNOWN_PADDING},
         {"pss", "sha256", TPM2::UNKNOWN_PADDING},
     };
     for (const auto& [padding, hash, expected] : table)
