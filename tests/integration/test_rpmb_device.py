@@ -106,9 +106,6 @@ print(errno.errorcode.get(ctypes.get_errno(), "0") if rc else "ok")
     ("write_flag", 0, 0x80000001, "EPROTO"),
     ("opcode", 0, 18, "EPROTO"),
     ("arg", 1, 1, "EPROTO"),
-    ("blksz", 1, 256, "EPROTO"),
-    ("blocks", 1, 2, "EPROTO"),
-    ("is_acmd", 0, 1, "EPROTO"),
     ("cmd_timeout_ms", 1, 100, "EPROTO"),
     ("num_of_cmds", 0, 1, "EPROTO"),
 ])
