@@ -70,7 +70,7 @@ class Enroller {
     void req_restarted_cb(SoupMessage* msg);
     void req_redirect_cb(SoupMessage* msg);
     void complete_acknowledge(SoupMessage* msg);
-    void handle_body(SoupMessage* msg);
+    void handle_body(SoupMessage* msg, const char* caller);
 
     // state machine
     void initiate();

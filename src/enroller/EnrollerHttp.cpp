@@ -25,6 +25,25 @@ const char* request_path(Enroller::Request kind) {
     return nullptr;
 }
 
+// A redirect may stay on http or https, or go from http to https; never from https back
+// to plain http, and never to another scheme.
+bool redirect_target_allowed(SoupMessage* msg) {
+    const char* location = soup_message_headers_get_one(msg->response_headers, "Location");
+    if (!location)
+        return false;
+    SoupURI* uri = soup_message_get_uri(msg);
+    const GCharPtr base(soup_uri_to_string(uri, FALSE));
+    const GCharPtr target(g_uri_resolve_relative(base.get(), location, G_URI_FLAGS_NONE, nullptr));
+    if (!target)
+        return false;
+    const GCharPtr scheme(g_uri_parse_scheme(target.get()));
+    if (!scheme)
+        return false;
+    if (g_ascii_strcasecmp(scheme.get(), "https") == 0)
+        return true;
+    return g_ascii_strcasecmp(scheme.get(), "http") == 0 && uri->scheme == SOUP_URI_SCHEME_HTTP;
+}
+
 }  // namespace
 
 void Enroller::send_request(Request kind, const std::string& body) {
@@ -38,8 +57,11 @@ void Enroller::send_request(Request kind, const std::string& body) {
         g_warning("invalid enroll URL '%s'", url.c_str());
         return;
     }
-    // POST requests are not redirected by the session itself; 307 and 308 keep the
-    // method and body, so follow them explicitly
+    // Only 307 and 308 keep the method and body: follow those explicitly. The session's own
+    // handling would turn a POST answered 301, 302 or 303 into a GET, and a "/acknowledge"
+    // delivered as GET would record an enrollment the server never confirmed; such answers
+    // must reach the completion callback as they are.
+    soup_message_set_flags(msg, SOUP_MESSAGE_NO_REDIRECT);
     for (guint code : {307u, 308u}) {
         soup_message_add_status_code_handler(
             msg, "got-body", code,
@@ -82,7 +104,7 @@ void Enroller::req_redirect_cb(SoupMessage* msg) {
         return;
     }
     g_debug("got a redirect with status code %i, following", code);
-    if (!soup_session_redirect_message(session, msg))
+    if (!redirect_target_allowed(msg) || !soup_session_redirect_message(session, msg))
         g_warning("got malformed HTTP redirect with status code %i", code);
 }
 
@@ -108,7 +130,7 @@ void Enroller::req_response_cb(SoupSession*, SoupMessage* msg) {
     } else {
         g_warning("request returned error %i: %s", code, msg->reason_phrase);
     }
-    handle_body(msg);
+    handle_body(msg, G_STRFUNC);
 }
 
 void Enroller::complete_acknowledge(SoupMessage* msg) {
@@ -132,7 +154,8 @@ void Enroller::complete_acknowledge(SoupMessage* msg) {
     cancel_retry_timeout();
 }
 
-void Enroller::handle_body(SoupMessage* msg) {
+// `caller` names the completion callback in the report of an impossible status.
+void Enroller::handle_body(SoupMessage* msg, const char* caller) {
     const char* type = soup_message_headers_get_content_type(msg->response_headers, nullptr);
     if (!type || msg->response_body->length == 0) {
         g_warning("response has no content-type or no body");
@@ -169,8 +192,13 @@ void Enroller::handle_body(SoupMessage* msg) {
         return;
     }
 
-    g_return_if_fail(SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) ||
-                     SOUP_STATUS_IS_SERVER_ERROR(msg->status_code));
+    if (!SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) &&
+        !SOUP_STATUS_IS_SERVER_ERROR(msg->status_code)) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, caller,
+                                 "SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) || "
+                                 "SOUP_STATUS_IS_SERVER_ERROR(msg->status_code)");
+        return;
+    }
     ErrorResponse err;
     json >> err;
     log(err);
