@@ -52,9 +52,9 @@ class Fault:
         return cls("drop")
 
     @classmethod
-    def json(cls, document, status=200):
-        """An arbitrary JSON document instead of the normal answer."""
-        return cls("json", document=document, status=status)
+    def json(cls, document, status=200, delay=0):
+        """An arbitrary JSON document instead of the normal answer, `delay` seconds late."""
+        return cls("json", document=document, status=status, delay=delay)
 
     @classmethod
     def raw(cls, data, status=200, content_type="application/json"):

@@ -253,8 +253,8 @@ class _Handler(BaseHTTPRequestHandler):
         if kind == "drop":
             self.close_connection = True
             return "-", "dropped"
-        if kind == "delay":
-            time.sleep(params["seconds"])
+        if kind == "delay" or "delay" in params:
+            time.sleep(params.get("seconds") or params["delay"])
         if kind == "redirect":
             location = params["location"]
             if params["to_path"]:
