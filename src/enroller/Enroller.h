@@ -70,6 +70,7 @@ class Enroller {
     void req_restarted_cb(SoupMessage* msg);
     void req_redirect_cb(SoupMessage* msg);
     void complete_acknowledge(SoupMessage* msg);
+    int release_resources();
     void handle_body(SoupMessage* msg, const char* caller);
 
     // state machine
@@ -109,6 +110,7 @@ class Enroller {
     std::string publicKeyPem;
     bool serviceSaved = false;
     guint retrySource = 0;
+    guint releaseSource = 0;  // idle source of release_resources()
     gulong networkHandler = 0;
     std::function<void()> enrolledCallback;
     gint64 requestStart = 0;

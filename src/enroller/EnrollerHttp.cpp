@@ -1,5 +1,7 @@
 #include "Enroller.h"
 
+#include <malloc.h>
+
 #include "ClassCallback.h"
 #include "EnrollerMessages.h"
 #include "JsonObjectInput.h"
@@ -61,7 +63,20 @@ void Enroller::send_request(Request kind, const std::string& body) {
     // handling would turn a POST answered 301, 302 or 303 into a GET, and a "/acknowledge"
     // delivered as GET would record an enrollment the server never confirmed; such answers
     // must reach the completion callback as they are.
-    soup_message_set_flags(msg, SOUP_MESSAGE_NO_REDIRECT);
+    //
+    //
+    // Marked idempotent, the POSTs of one enrollment share one kept-alive connection: one
+    // TCP (and TLS) handshake instead of three. The mark only lets the session pick an idle
+    // connection; it re-sends on its own only requests of idempotent methods, never these.
+    // A request whose kept-alive connection the server closed meanwhile fails like any
+    // transport failure and the retry timer starts over. Were one re-sent anyway, that would
+    // be harmless: a second "/initiate" starts a fresh enrollment; a second "/CSRVerify" has
+    // the same CSR signed again, and the certificate is checked against the device key
+    // before it is stored; a second "/acknowledge" carries the same statuses, and a server
+    // that already closed the enrollment answers it as expired, which restarts enrolling
+    // but never records an enrollment the server did not confirm.
+    soup_message_set_flags(
+        msg, static_cast<SoupMessageFlags>(SOUP_MESSAGE_NO_REDIRECT | SOUP_MESSAGE_IDEMPOTENT));
     for (guint code : {307u, 308u}) {
         soup_message_add_status_code_handler(
             msg, "got-body", code,
@@ -152,6 +167,18 @@ void Enroller::complete_acknowledge(SoupMessage* msg) {
     if (enrolledCallback)
         enrolledCallback();
     cancel_retry_timeout();
+    // once this message is done with, an enrolled daemon keeps nothing it no longer needs
+    if (!releaseSource)
+        releaseSource = g_idle_add(class_callback<Enroller, &Enroller::release_resources>, this);
+}
+
+int Enroller::release_resources() {
+    releaseSource = 0;
+    // Closes the kept-alive connection; a request queued meanwhile keeps it.
+    if (request == REQUEST_NONE)
+        soup_session_abort(session);
+    malloc_trim(0);
+    return G_SOURCE_REMOVE;
 }
 
 // `caller` names the completion callback in the report of an impossible status.

@@ -100,7 +100,7 @@ def acknowledged_once(run):
 
 
 def acknowledged_as_error(run):
-    assert run.server.acknowledgements
+    assert zeltest.wait_until(lambda: run.server.acknowledgements, 10), run.daemon.output()
     assert all(acks["aws-iot"]["status"] == "error" for _, acks in run.server.acknowledgements)
     assert not (run.box.services_dir / "aws-iot" / "service.json").exists()
 
@@ -141,6 +141,11 @@ CASES = [
     Case("silent", [("/CSRVerify", Fault.delay(6))], ["failed to connect (7): Connection "
                                                       "terminated unexpectedly"],
          args=("--timeout=1",)),
+    # a POST is never re-sent on its own when its kept-alive connection turns out closed
+    Case("drop-kept-alive", [("/CSRVerify", Fault.drop())],
+         ["failed to connect (8): Message Corrupt"],
+         check=lambda run: [r.path.rsplit("/", 1)[1] for r in run.server.requests] ==
+         ["initiate", "CSRVerify", "initiate", "CSRVerify", "acknowledge"]),
     Case("status-600", [("/initiate", Fault.json({"statusCode": 600}, 600))],
          error_logged(600, "", PRECONDITION)),
     # bodies the parser or the reader refuses

@@ -26,11 +26,13 @@ def now_iso8601():
 
 
 class RequestRecord:
-    """One request as received: path, method, headers, raw body, parsed JSON (or None) and
-    the monotonic time of its arrival."""
+    """One request as received: path, method, headers, raw body, parsed JSON (or None), the
+    monotonic time of its arrival and the client's (host, port), which tells connections
+    apart."""
 
     def __init__(self, handler, body):
         self.path = handler.path
+        self.client = handler.client_address[:2]
         self.method = handler.command
         self.headers = dict(handler.headers.items())
         self.body = body
