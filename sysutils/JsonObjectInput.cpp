@@ -160,31 +160,52 @@ bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError*
 }
 
 JsonObjectInput::JsonObjectInput(const char* data, long length) {
-    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* raw_error = nullptr;
-    JsonNode* parsed = nullptr;
-    if (!json_parser_load_data_checked(parser.get(), data, length, &raw_error)) {
-        const GErrorPtr parse_error(raw_error);
-        addError(g_strdup_printf("failed to parse JSON from data buffer: %s",
-                                 parse_error ? parse_error->message : "unknown error"));
-    } else if (!(parsed = json_parser_get_root(parser.get()))) {
-        addError(g_strdup("JSON data buffer is empty"));
-    }
-    start(parsed);
+    load(nullptr, data, length, [this](const char* parse_error) {
+        addError(parse_error
+                     ? g_strdup_printf("failed to parse JSON from data buffer: %s", parse_error)
+                     : g_strdup("JSON data buffer is empty"));
+    });
 }
 
 JsonObjectInput::JsonObjectInput(const char* path) {
+    load(path, nullptr, 0, [this, path](const char* parse_error) {
+        addError(parse_error
+                     ? g_strdup_printf("failed to parse JSON from file %s: %s", path, parse_error)
+                     : g_strdup_printf("JSON file %s is empty", path));
+    });
+}
+
+std::unique_ptr<JsonObjectInput> JsonObjectInput::open_file(const char* path,
+                                                            const JsonOpenFailure& fail) {
+    auto in = std::make_unique<JsonObjectInput>(Unopened{});
+    if (!in->load(path, nullptr, 0, fail))
+        in.reset();
+    return in;
+}
+
+std::unique_ptr<JsonObjectInput> JsonObjectInput::open_data(const char* data, long length,
+                                                            const JsonOpenFailure& fail) {
+    auto in = std::make_unique<JsonObjectInput>(Unopened{});
+    if (!in->load(nullptr, data, length, fail))
+        in.reset();
+    return in;
+}
+
+bool JsonObjectInput::load(const char* path, const char* data, long length,
+                           const JsonOpenFailure& fail) {
     const GLibPtr<JsonParser> parser(json_parser_new_immutable());
     GError* raw_error = nullptr;
-    JsonNode* parsed = nullptr;
-    if (!json_parser_load_file_checked(parser.get(), path, &raw_error)) {
-        const GErrorPtr parse_error(raw_error);
-        addError(g_strdup_printf("failed to parse JSON from file %s: %s", path,
-                                 parse_error ? parse_error->message : "unknown error"));
-    } else if (!(parsed = json_parser_get_root(parser.get()))) {
-        addError(g_strdup_printf("JSON file %s is empty", path));
-    }
-    start(parsed);
+    const bool parsed = path
+                            ? json_parser_load_file_checked(parser.get(), path, &raw_error)
+                            : json_parser_load_data_checked(parser.get(), data, length, &raw_error);
+    const GErrorPtr parse_error(raw_error);
+    JsonNode* const parsed_root = parsed ? json_parser_get_root(parser.get()) : nullptr;
+    if (!parsed)
+        fail(parse_error ? parse_error->message : "unknown error");
+    else if (!parsed_root)
+        fail(nullptr);
+    start(parsed_root);
+    return parsed_root != nullptr;
 }
 
 JsonObjectInput::JsonObjectInput(JsonNode* jroot) {
@@ -463,4 +484,27 @@ bool JsonObjectInput::getRelativeNode(const std::string& suffix, GLibPtr<JsonNod
     addError(g_strdup_printf("internal error: %s", text));
     g_critical("unexpected JSON path lookup failure: %s", text);
     return false;
+}
+
+bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required) {
+    // Same order of checks as the reader's own member reads, so that a missing member never
+    // reaches json_reader_read_member and its sticky error state.
+    if (!in.checkIsObject() || !in.checkHasMember(name, required))
+        return false;
+    JsonReader* reader = in.getReader();
+    if (!json_reader_read_member(reader, name)) {
+        const GError* error = json_reader_get_error(reader);
+        in.addError(g_strdup_printf("failed reading member '%s': %s", name,
+                                    error ? error->message : "no error"));
+        return false;
+    }
+    // json-glib counts null as a value, but reading an integer from it puts the reader into
+    // an error state that json_reader_end_member does not leave.
+    const bool isValue = json_reader_is_value(reader) && !json_reader_get_null_value(reader);
+    if (isValue)
+        *out = json_reader_get_int_value(reader);
+    else
+        in.addError(g_strdup_printf("member '%s' does not hold a value", name));
+    json_reader_end_member(reader);
+    return isValue;
 }

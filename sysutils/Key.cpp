@@ -10,24 +10,9 @@
 
 #include <cerrno>
 
+#include "ScopedFd.h"
+
 namespace {
-
-// Owns a file descriptor from open().
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd >= 0)
-            close(fd);
-    }
-
-    int get() const { return fd; }
-
-  private:
-    const int fd;
-};
 
 // A daemon has no one to ask for a pass phrase, so an encrypted key must fail rather
 // than prompt on whatever terminal the process happens to have.
@@ -41,7 +26,7 @@ bool Key::load_private_pem(const char* path) {
     g_return_val_if_fail(path != nullptr, false);
 
     clear();
-    const FileDescriptor fd(open(path, O_RDONLY | O_CLOEXEC));
+    const ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
         // The unclosed quote is the established wording of this message.
         error = std::string("failed to open private key file '") + path + ": " + g_strerror(errno);

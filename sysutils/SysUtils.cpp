@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "GLibPtr.h"
+#include "ScopedFd.h"
 
 void hex_dump(FILE* stream, const unsigned char* data, size_t length, bool ascii) {
     constexpr size_t kRow = 16;
@@ -54,19 +55,15 @@ time_t iso8601_to_unix_time(const char* text) {
 G_GNUC_END_IGNORE_DEPRECATIONS
 
 bool fsync_file(const char* path) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool synced = fsync(fd) == 0;
-    close(fd);
-    return synced;
+    const ScopedFd fd(open(path, O_WRONLY | O_CLOEXEC));
+    return fd && fsync(fd.get()) == 0;
 }
 
 bool read_data_file(const char* path, unsigned char* buffer, size_t length, bool buffered) {
     if (!path || strcmp(path, "-") == 0)
         return fread(buffer, 1, length, stdin) == length;
 
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "rb"), fclose);
+    const CPtr<FILE, fclose> file(fopen(path, "rb"));
     if (!file)
         return false;
     if (!buffered && setvbuf(file.get(), nullptr, _IONBF, 0) != 0)

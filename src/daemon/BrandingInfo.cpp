@@ -10,25 +10,18 @@
 int BrandingInfo::load(const char* path) {
     *this = BrandingInfo();
 
-    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* raw_error = nullptr;
-    if (!json_parser_load_file_checked(parser.get(), path, &raw_error)) {
-        const GErrorPtr error(raw_error);
-        g_warning("failed to parse JSON from branding file %s: %s", path,
-                  error ? error->message : "unknown error");
+    const auto in = JsonObjectInput::open_file(path, [path](const char* parse_error) {
+        if (parse_error)
+            g_warning("failed to parse JSON from branding file %s: %s", path, parse_error);
+        else
+            g_warning("branding file %s is empty", path);
+    });
+    if (!in)
         return 0;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("branding file %s is empty", path);
-        return 0;
-    }
-
-    JsonObjectInput in(root);
-    in >> *this;
-    if (in.failed()) {
+    *in >> *this;
+    if (in->failed()) {
         // The wording is historical: the file is not ignored, the load fails.
-        g_warning("ignoring invalid data in branding file: %s", in.getError());
+        g_warning("ignoring invalid data in branding file: %s", in->getError());
         return 0;
     }
     g_debug("loaded branding from %s", path);

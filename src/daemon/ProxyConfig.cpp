@@ -8,19 +8,12 @@
 
 namespace {
 
-struct XmlDocDeleter {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
-struct XPathContextDeleter {
-    void operator()(xmlXPathContext* ctx) const { xmlXPathFreeContext(ctx); }
-};
-struct XPathObjectDeleter {
-    void operator()(xmlXPathObject* obj) const { xmlXPathFreeObject(obj); }
-};
-struct XmlCharDeleter {
-    void operator()(xmlChar* text) const { xmlFree(text); }
-};
-using XPathObjectPtr = std::unique_ptr<xmlXPathObject, XPathObjectDeleter>;
+void xml_free(xmlChar* text) {
+    xmlFree(text);  // a function pointer that libxml2 sets at run time
+}
+using XmlDocPtr = CPtr<xmlDoc, xmlFreeDoc>;
+using XPathContextPtr = CPtr<xmlXPathContext, xmlXPathFreeContext>;
+using XPathObjectPtr = CPtr<xmlXPathObject, xmlXPathFreeObject>;
 
 constexpr int kParseOptions = XML_PARSE_DTDATTR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS |
                               XML_PARSE_NONET | XML_PARSE_NOCDATA;
@@ -38,7 +31,7 @@ std::string xpath_string(xmlXPathContext* ctx, const char* expression) {
     const XPathObjectPtr result = evaluate(ctx, expression);
     if (!result)
         return {};
-    const std::unique_ptr<xmlChar, XmlCharDeleter> text(xmlXPathCastToString(result.get()));
+    const CPtr<xmlChar, xml_free> text(xmlXPathCastToString(result.get()));
     return text ? reinterpret_cast<const char*>(text.get()) : "";
 }
 
@@ -69,12 +62,12 @@ bool ProxyConfig::load(const char* path) {
         g_debug("no proxy configuration file '%s'", path);
         return true;
     }
-    const std::unique_ptr<xmlDoc, XmlDocDeleter> doc(xmlReadFile(path, nullptr, kParseOptions));
+    const XmlDocPtr doc(xmlReadFile(path, nullptr, kParseOptions));
     if (!doc) {
         g_warning("failed parsing proxy config file '%s'", path);
         return false;
     }
-    const std::unique_ptr<xmlXPathContext, XPathContextDeleter> ctx(xmlXPathNewContext(doc.get()));
+    const XPathContextPtr ctx(xmlXPathNewContext(doc.get()));
     g_return_val_if_fail(ctx, false);
 
     server = xpath_string(ctx.get(), "/proxyconf/proxy[last()]/@server");

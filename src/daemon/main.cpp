@@ -19,6 +19,7 @@
 #include "CliOpts.h"
 #include "EnrollConstants.h"
 #include "Enroller.h"
+#include "EnrollerDBus.h"
 #include "EnrollerInfo.h"
 #include "GLibLog.h"
 #include "GLibPtr.h"
@@ -197,8 +198,13 @@ int run(bool daemon_child) {
         add_http_logger(context.get_session(), opts.dump_http);
 
     Enroller enroller(info, status_path, context.get_session());
+    EnrollerDBus dbus(enroller);
+    // An unreachable bus is fatal. A daemon child has released its parent already, so
+    // there the failure only shows in the log and in the child's exit code.
+    if (!dbus.init(!opts.use_session_bus))
+        return 1;
     context.run();
-    // Destruction runs in reverse: engine, main context, proxy, configuration.
+    // Destruction runs in reverse: D-Bus object, engine, main context, proxy, configuration.
     return 0;
 }
 
@@ -207,9 +213,8 @@ int run(bool daemon_child) {
 int main(int argc, char* argv[]) {
     init_libraries();
 
-    const GOptionContextPtr option_context = opts.option_context();
     GError* raw_error = nullptr;
-    if (!g_option_context_parse(option_context.get(), &argc, &argv, &raw_error)) {
+    if (!opts.parse(&argc, &argv, &raw_error)) {
         const GErrorPtr error(raw_error);
         g_message("failed parsing command line: %s", error->message);
         return 1;

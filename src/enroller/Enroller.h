@@ -53,6 +53,8 @@ class Enroller {
     void network_available();
     // Called once per completed enrollment; a later call replaces the callback.
     void register_enrolled_cb(std::function<void()> cb);
+    // The "diagnose" reply: a tuple of one dictionary describing the engine's state.
+    GLibPtr<GVariant> diagnose();
 
     void log(const ErrorResponse& error) const;
 

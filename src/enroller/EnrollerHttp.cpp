@@ -193,26 +193,21 @@ void Enroller::handle_body(SoupMessage* msg, const char* caller) {
         return;
     }
 
-    const GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* raw_error = nullptr;
-    if (!json_parser_load_data_checked(parser.get(), msg->response_body->data,
-                                       msg->response_body->length, &raw_error)) {
-        const GErrorPtr error(raw_error);
-        g_warning("parsing failed: %s", error->message);
+    const auto json = JsonObjectInput::open_data(
+        msg->response_body->data, msg->response_body->length, [](const char* parse_error) {
+            if (parse_error)
+                g_warning("parsing failed: %s", parse_error);
+            else
+                g_warning("response is empty, ignoring");
+        });
+    if (!json)
         return;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("response is empty, ignoring");
-        return;
-    }
 
-    JsonObjectInput json(root);
     if (SOUP_STATUS_IS_SUCCESSFUL(msg->status_code)) {
         EnrollResponse rsp;
-        json >> rsp;
-        if (json.failed()) {
-            g_warning("failed parsing enrollment response: %s", json.getError());
+        *json >> rsp;
+        if (json->failed()) {
+            g_warning("failed parsing enrollment response: %s", json->getError());
             return;
         }
         handle_response(rsp);
@@ -227,7 +222,7 @@ void Enroller::handle_body(SoupMessage* msg, const char* caller) {
         return;
     }
     ErrorResponse err;
-    json >> err;
+    *json >> err;
     log(err);
     // the server has forgotten the state carried in "cbData": start over from "/initiate"
     if (err.code == "CallbackDataExpiredException")

@@ -57,29 +57,6 @@ const char* ack_status_name(AcknowledgedService::Status status) {
 
 }  // namespace
 
-bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required) {
-    // Same order of checks as the reader's own member reads, so that a missing member never
-    // reaches json_reader_read_member and its sticky error state.
-    if (!in.checkIsObject() || !in.checkHasMember(name, required))
-        return false;
-    JsonReader* reader = in.getReader();
-    if (!json_reader_read_member(reader, name)) {
-        const GError* error = json_reader_get_error(reader);
-        in.addError(g_strdup_printf("failed reading member '%s': %s", name,
-                                    error ? error->message : "no error"));
-        return false;
-    }
-    // json-glib counts null as a value, but reading an integer from it puts the reader into
-    // an error state that json_reader_end_member does not leave.
-    const bool isValue = json_reader_is_value(reader) && !json_reader_get_null_value(reader);
-    if (isValue)
-        *out = json_reader_get_int_value(reader);
-    else
-        in.addError(g_strdup_printf("member '%s' does not hold a value", name));
-    json_reader_end_member(reader);
-    return isValue;
-}
-
 JsonObjectOutput& operator<<(JsonObjectOutput& out, const DeviceInfo& device) {
     out.addObjectProperty("device");
     out.addProperty("serial", device.serial.c_str());

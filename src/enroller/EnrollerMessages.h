@@ -90,10 +90,6 @@ struct AcknowledgedService {
     std::string message;  // written only when not empty
 };
 
-// Reads integer member `name` of the current object into `out`. Failures are recorded in
-// `in` with the reader's own message texts; a missing member only when `required`.
-bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required);
-
 JsonObjectOutput& operator<<(JsonObjectOutput& out, const DeviceInfo& device);
 JsonObjectOutput& operator<<(JsonObjectOutput& out, const RPMBReadResult& result);
 JsonObjectOutput& operator<<(JsonObjectOutput& out, const RPMBSignAuthRequest& request);

@@ -12,6 +12,7 @@
 
 #include "EnrollerMessages.h"
 #include "GLibPtr.h"
+#include "ScopedFd.h"
 #include "SysUtils.h"
 
 namespace {
@@ -31,11 +32,9 @@ void read_tstamp_member(JsonObjectInput& in, const char* name, int64_t* tstamp) 
 // A rename is durable only once its directory is on disk as well.
 void fsync_directory_of(const std::string& path) {
     const GCharPtr dir(g_path_get_dirname(path.c_str()));
-    const int fd = open(dir.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    fsync(fd);
-    close(fd);
+    const ScopedFd fd(open(dir.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd)
+        fsync(fd.get());
 }
 
 // Keeps an unusable status file beside it as "<path>.bad", replacing an older one, so that
@@ -106,28 +105,21 @@ bool EnrollerStatus::load(bool isEnabled) {
         return true;
     }
 
-    GLibPtr<JsonParser> parser(json_parser_new_immutable());
-    GError* rawError = nullptr;
-    if (!json_parser_load_file_checked(parser.get(), path.c_str(), &rawError)) {
-        const GErrorPtr error(rawError);
-        g_warning("failed to parse JSON from enroller status file %s: %s", path.c_str(),
-                  error ? error->message : "unknown");
+    const auto in = JsonObjectInput::open_file(path.c_str(), [this](const char* parse_error) {
+        if (parse_error)
+            g_warning("failed to parse JSON from enroller status file %s: %s", path.c_str(),
+                      parse_error);
+        else
+            g_warning("enroller status file %s is empty", path.c_str());
         keep_bad_status_file(path);
+    });
+    if (!in)
         return false;
-    }
-    JsonNode* root = json_parser_get_root(parser.get());
-    if (!root) {
-        g_warning("enroller status file %s is empty", path.c_str());
-        keep_bad_status_file(path);
-        return false;
-    }
-
-    JsonObjectInput in(root);
-    in >> *this;
+    *in >> *this;
     const bool storedEnabled = enabled;
     enabled = isEnabled;
-    if (in.failed()) {
-        g_warning("ignoring invalid data in enroller status file: %s", in.getError());
+    if (in->failed()) {
+        g_warning("ignoring invalid data in enroller status file: %s", in->getError());
         return false;
     }
     g_debug("loaded enroller status from %s", path.c_str());

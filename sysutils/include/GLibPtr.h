@@ -116,27 +116,22 @@ class GLibPtr {
     T* ptr = nullptr;
 };
 
-// Owners of GLib allocations that are not reference-counted: the one idiom for them.
-struct GFreeDeleter {
-    void operator()(void* p) const { g_free(p); }
+// Frees with the C function `fn`. With it std::unique_ptr owns every C allocation that is
+// not reference-counted: the one idiom for them (GLib's, libxml2's, libcap's, malloc's).
+template <auto fn>
+struct CFree {
+    template <typename T>
+    void operator()(T* p) const {
+        fn(p);
+    }
 };
-struct GStrvDeleter {
-    void operator()(char** p) const { g_strfreev(p); }
-};
-struct GErrorDeleter {
-    void operator()(GError* e) const { g_error_free(e); }
-};
-struct GMainLoopDeleter {
-    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
-};
-struct GOptionContextDeleter {
-    void operator()(GOptionContext* context) const { g_option_context_free(context); }
-};
+template <typename T, auto fn>
+using CPtr = std::unique_ptr<T, CFree<fn>>;
 
 template <typename T>
-using GFreePtr = std::unique_ptr<T, GFreeDeleter>;
+using GFreePtr = CPtr<T, g_free>;
 using GCharPtr = GFreePtr<gchar>;
-using GStrvPtr = std::unique_ptr<gchar*, GStrvDeleter>;
-using GErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
-using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopDeleter>;
-using GOptionContextPtr = std::unique_ptr<GOptionContext, GOptionContextDeleter>;
+using GStrvPtr = CPtr<gchar*, g_strfreev>;
+using GErrorPtr = CPtr<GError, g_error_free>;
+using GMainLoopPtr = CPtr<GMainLoop, g_main_loop_unref>;
+using GOptionContextPtr = CPtr<GOptionContext, g_option_context_free>;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -22,6 +23,11 @@ bool json_parser_load_data_checked(JsonParser* parser, const char* data, long le
                                    GError** error);
 bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError** error);
 
+class JsonObjectInput;
+// Why a document could not be opened: the parser's message, or null for a document
+// without a value.
+using JsonOpenFailure = std::function<void(const char* parse_error)>;
+
 // Maps a JSON document onto records. Wraps a JsonReader and keeps a stack of reading
 // contexts, one per entered object or array, with the member names or element count of
 // each, and the first error met. Nothing throws: every failure returns false and records a
@@ -34,6 +40,12 @@ class JsonObjectInput {
     explicit JsonObjectInput(const char* path);
     // Reads a copy of `jroot`; the caller keeps its node.
     explicit JsonObjectInput(JsonNode* jroot);
+    // A reader on the root of a JSON file or buffer (length -1: up to the NUL), or null
+    // after `fail` was told why there is none, in the caller's own words.
+    static std::unique_ptr<JsonObjectInput> open_file(const char* path,
+                                                      const JsonOpenFailure& fail);
+    static std::unique_ptr<JsonObjectInput> open_data(const char* data, long length,
+                                                      const JsonOpenFailure& fail);
     ~JsonObjectInput();
     JsonObjectInput(const JsonObjectInput&) = delete;
     JsonObjectInput& operator=(const JsonObjectInput&) = delete;
@@ -75,6 +87,15 @@ class JsonObjectInput {
     void closeElementChild();
 
   private:
+    struct Unopened {};
+
+  public:
+    explicit JsonObjectInput(Unopened) {}
+
+  private:
+    // Parses a file (a null `data`) or a buffer; false with `fail` called when it gives no
+    // root.
+    bool load(const char* path, const char* data, long length, const JsonOpenFailure& fail);
     void start(JsonNode* parsed_root);
     void pushContext(const std::string& suffix);
     void popContext();
@@ -90,3 +111,7 @@ class JsonObjectInput {
     std::deque<uint32_t> lengths;
     std::deque<std::string> paths;
 };
+
+// Reads integer member `name` of the current object into `out`. Failures are recorded in
+// `in` with the reader's own message texts; a missing member only when `required`.
+bool read_int_member(JsonObjectInput& in, const char* name, gint64* out, bool required);

@@ -6,11 +6,10 @@
 #include <memory>
 #include <type_traits>
 
-// Owner of a libcap state (and of any other libcap allocation).
-struct CapFreeDeleter {
-    void operator()(void* p) const { cap_free(p); }
-};
-using CapStatePtr = std::unique_ptr<std::remove_pointer_t<cap_t>, CapFreeDeleter>;
+#include "GLibPtr.h"
+
+// Owner of a libcap state.
+using CapStatePtr = CPtr<std::remove_pointer_t<cap_t>, cap_free>;
 
 // Changes the capabilities of the calling process and can return to the state it found.
 class ProcessCaps {

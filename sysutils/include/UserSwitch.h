@@ -5,11 +5,10 @@
 #include <cstdlib>
 #include <memory>
 
-// Owner of a block allocated with malloc, such as the entry of get_passwd_entry().
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
-using PasswdEntryPtr = std::unique_ptr<passwd, FreeDeleter>;
+#include "GLibPtr.h"
+
+// The entry of get_passwd_entry(), one block allocated with malloc.
+using PasswdEntryPtr = CPtr<passwd, std::free>;
 
 // The password-file entry of `user`: one malloc'ed block holding the entry and its strings,
 // released with one free(). Null when the user does not exist (errno ESRCH) or on error.

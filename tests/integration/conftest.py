@@ -10,15 +10,30 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(items):
+    # The one way root-only tests are skipped: the `root` marker.
+    skip = pytest.mark.skip(reason="needs root")
     for item in items:
-        if item.get_closest_marker("root"):
-            item.add_marker(zeltest.requires_root)
+        if item.get_closest_marker("root") and not zeltest.is_root():
+            item.add_marker(skip)
 
 
 @pytest.fixture(scope="session", autouse=True)
 def daemon_binary():
     assert zeltest.DAEMON.is_file(), f"{zeltest.DAEMON} is not built (ZEL_BUILD_DIR?)"
     return zeltest.DAEMON
+
+
+@pytest.fixture(autouse=True)
+def buses(monkeypatch):
+    """Private system and session buses for every test; the daemon and every client the
+    test starts find them through the environment, never the machine's own buses."""
+    for name in ("DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"):
+        monkeypatch.delenv(name, raising=False)
+    started = zeltest.Buses().start()
+    for name, value in started.env.items():
+        monkeypatch.setenv(name, value)
+    yield started
+    started.stop()
 
 
 @pytest.fixture
@@ -31,9 +46,7 @@ def sandbox():
 
 @pytest.fixture
 def nobody_sandbox():
-    """A Sandbox handed to the user nobody, for runs with --user nobody (root only)."""
-    if not zeltest.is_root():
-        pytest.skip("needs root")
+    """A Sandbox handed to the user nobody, for runs with --user nobody (tests marked root)."""
     box = zeltest.Sandbox(owner="nobody")
     yield box
     box.cleanup()
@@ -58,9 +71,7 @@ def start_daemon():
 @pytest.fixture
 def identity(sandbox):
     """identity(identifiers=None, cpuinfo=..., os_release=...): zeltest.IdentityFiles in
-    the sandbox; pass its `mounts` to start_daemon (root only)."""
-    if not zeltest.is_root():
-        pytest.skip("needs root")
+    the sandbox; pass its `mounts` to start_daemon (tests marked root)."""
     made = []
 
     def make(**kwargs):
@@ -71,6 +82,20 @@ def identity(sandbox):
     yield make
     for files in made:
         files.cleanup()
+
+
+@pytest.fixture
+def helpers():
+    """helpers(command): a started zeltest.Process, stopped at the end of the test."""
+    started = []
+
+    def start(command):
+        started.append(zeltest.Process([str(a) for a in command]))
+        return started[-1]
+
+    yield start
+    for process in reversed(started):
+        process.stop()
 
 
 @pytest.fixture(scope="session")

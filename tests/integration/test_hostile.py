@@ -211,7 +211,7 @@ CASES = [
 class Run:
     """One case under way: its server, sandbox and daemon."""
 
-    def __init__(self, case, ca):
+    def __init__(self, case, ca, env):
         self.case = case
         self.server = EnrollServer(ca, tls=case.tls).start()
         for endpoint, fault in case.faults:
@@ -222,7 +222,8 @@ class Run:
             self.box.status_file.write_bytes(case.status)
             (self.box.root / "status.bad").write_text("an older one")
         self.daemon = zeltest.Daemon(self.box.args("--retry=1", *case.args,
-                                                   base_url=self.server.url), mounts=mounts)
+                                                   base_url=self.server.url), mounts=mounts,
+                                     env=env)
         self.daemon.start()
 
     def messages(self):
@@ -237,10 +238,14 @@ class Run:
 
 @pytest.fixture(scope="module")
 def runs(ca):
-    started = {case.id: Run(case, ca) for case in CASES if not case.root or zeltest.is_root()}
+    # One bus for them all: the daemons that lose the race for the name go on without it.
+    buses = zeltest.Buses().start()
+    started = {case.id: Run(case, ca, buses.env) for case in CASES
+               if not case.root or zeltest.is_root()}
     yield started
     for run in started.values():
         run.cleanup()
+    buses.stop()
 
 
 def wait_line(daemon, expected, timeout):

@@ -27,7 +27,12 @@ TOOLS_DIR = SOURCE_DIR / "tools"
 if str(TOOLS_DIR) not in sys.path:
     sys.path.insert(0, str(TOOLS_DIR))  # makes `import enrollserver` work
 
+from privatebus import Buses  # noqa: E402
+
 DAEMON = BUILD_DIR / "src" / "zelenrolld"
+DBUS_NAME = "com.corvanta.ZelPlayer.Enroller1"
+DBUS_PATH = "/com/corvanta/ZelPlayer/Enroller1"
+DBUS_INTERFACE = DBUS_NAME
 PID_DIR = Path("/var/run/zelenroll")
 PID_FILE_NAME = "zelenrolld.pid"
 
@@ -37,8 +42,6 @@ SIGNAL_BITS = (1 << (signal.SIGINT - 1)) | (1 << (signal.SIGTERM - 1))
 def is_root():
     return os.geteuid() == 0
 
-
-requires_root = pytest.mark.skipif(not is_root(), reason="needs root")
 
 
 def free_port(host="127.0.0.1"):
@@ -448,3 +451,59 @@ class IdentityFiles:
                 self.CORVANTA_DIR.rmdir()
             except OSError:
                 pass
+
+
+def gdbus(*args, bus="system", user=None, timeout=10):
+    """`gdbus ARGS --system|--session`, as `user` if given (through setpriv); the finished
+    process with its text output."""
+    command = ["gdbus", args[0], f"--{bus}", *[str(a) for a in args[1:]]]
+    if user:
+        import pwd
+        entry = pwd.getpwnam(user)
+        command = ["setpriv", f"--reuid={entry.pw_uid}", f"--regid={entry.pw_gid}",
+                   "--clear-groups", *command]
+    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=timeout)
+
+
+def enroller_call(method, *args, bus="system", user=None):
+    """Calls `method` (INTERFACE.MEMBER, or a member of the daemon's interface)."""
+    if "." not in method:
+        method = f"{DBUS_INTERFACE}.{method}"
+    return gdbus("call", "--dest", DBUS_NAME, "--object-path", DBUS_PATH, "--method", method,
+                 *args, bus=bus, user=user)
+
+
+def enroller_property(name, bus="system", user=None):
+    """The daemon's property `name` as gdbus prints it ("true"/"false"); None on failure."""
+    done = enroller_call("org.freedesktop.DBus.Properties.Get", DBUS_INTERFACE, name, bus=bus,
+                         user=user)
+    match = re.fullmatch(r"\(<(.*)>,\)", done.stdout.strip())
+    return match.group(1) if done.returncode == 0 and match else None
+
+
+class Process:
+    """A helper process whose output lines are collected in `log` (LogLines)."""
+
+    def __init__(self, command, env=None):
+        self.log = LogLines()
+        self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT, env=env)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for raw in self.proc.stdout:
+            self.log.append(raw.decode(errors="replace").rstrip("\n"))
+        self.log.close()
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait(5)
+        self._reader.join(2)
+        self.proc.stdout.close()

@@ -14,7 +14,7 @@ namespace {
 // The capability sets of this process in libcap's text form, such as "cap_sys_rawio=p".
 std::string caps() {
     const CapStatePtr state(cap_get_proc());
-    const std::unique_ptr<char, CapFreeDeleter> text(cap_to_text(state.get(), nullptr));
+    const CPtr<char, cap_free> text(cap_to_text(state.get(), nullptr));
     return text ? text.get() : "unreadable";
 }
 

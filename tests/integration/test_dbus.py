@@ -1,0 +1,188 @@
+"""The daemon's D-Bus object, its NetworkManager watch and the system bus policy, on the
+private buses of the `buses` fixture."""
+
+import json
+import re
+import time
+
+import pytest
+from enrollserver.faults import Fault
+from zeltest import (DBUS_NAME, DBUS_PATH, enroller_call, enroller_property, gdbus, message_re,
+                     wait_until)
+
+DONE = "enrollment completed successfully"
+NM_NAME = "org.freedesktop.NetworkManager"
+NM_PATH = "/org/freedesktop/NetworkManager"
+FIRST_ATTEMPT_FAILED = r"WARNING \*\*: [0-9:.]+: failed to connect \(4\)"
+NOT_OWNED = f"D-Bus name {DBUS_NAME} cannot be acquired or lost"
+
+# Owns a bus name, says "acquired" or "lost", and gives it up on SIGTERM.
+NAME_OWNER = """
+import signal, sys
+from gi.repository import Gio, GLib
+loop = GLib.MainLoop()
+Gio.bus_own_name(Gio.BusType.SYSTEM, sys.argv[1], Gio.BusNameOwnerFlags.DO_NOT_QUEUE, None,
+                 lambda c, n: print("acquired", flush=True),
+                 lambda c, n: print("lost", flush=True))
+GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signal.SIGTERM, loop.quit)
+loop.run()
+"""
+
+
+def has_owner(name, bus="system"):
+    done = gdbus("call", "--dest", "org.freedesktop.DBus", "--object-path", "/org/freedesktop/DBus",
+                 "--method", "org.freedesktop.DBus.NameHasOwner", name, bus=bus)
+    return done.stdout.strip() == "(true,)"
+
+
+def wait_for_name(daemon, bus="system"):
+    if not wait_until(lambda: has_owner(DBUS_NAME, bus) or daemon.proc.poll() is not None, 5):
+        pytest.fail("the daemon's name did not appear:\n" + daemon.output())
+
+
+def as_user(user, command):
+    import pwd
+    entry = pwd.getpwnam(user)
+    return ["setpriv", f"--reuid={entry.pw_uid}", f"--regid={entry.pw_gid}", "--clear-groups",
+            *command]
+
+
+@pytest.fixture
+def network_manager(helpers):
+    """python-dbusmock's NetworkManager on the private system bus; returns emit(signature,
+    value) sending NetworkManager's "StateChanged" from it."""
+    helpers(["/usr/bin/python3", "-m", "dbusmock", "--template", "networkmanager"])
+    assert wait_until(lambda: has_owner(NM_NAME), 10), "dbusmock NetworkManager did not start"
+
+    def emit(signature, value):
+        done = gdbus("call", "--dest", NM_NAME, "--object-path", NM_PATH, "--method",
+                     "org.freedesktop.DBus.Mock.EmitSignal", NM_NAME, "StateChanged", signature,
+                     f"[<{value}>]")
+        assert done.returncode == 0, done.stderr
+
+    return emit
+
+
+def test_enrolled_property_signal_and_trigger(sandbox, start_daemon, server, helpers):
+    monitor = helpers(["gdbus", "monitor", "--system", "--dest", DBUS_NAME])
+    # The first attempt fails, so that the state before enrolling can be read.
+    server.inject("/initiate", Fault.error(500, "InternalServerError"))
+    daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
+    daemon.wait_for_log(r"WARNING \*\*: .*InternalServerError")
+    assert enroller_property("enrolled") == "false"
+
+    daemon.wait_for_message(DONE, timeout=15)
+    assert enroller_property("enrolled") == "true"
+    signal_re = re.escape(f"{DBUS_PATH}: {DBUS_NAME}.enrolled ('aws-iot',)")
+    assert monitor.log.wait_for(signal_re, 5)
+
+    # A trigger re-enrolls the enrolled device, and each enrollment signals once.
+    assert enroller_call("trigger").stdout.strip() == "(true,)"
+    assert "forcedEnrollTStamp" in json.loads(sandbox.status_file.read_text())
+    daemon.wait_for_message("received trigger call, enrolled status reset and scheduled a retry")
+    server.wait_for_request("/initiate", count=3)
+    assert wait_until(lambda: monitor.log.count(signal_re) == 2, 15), monitor.log.text()
+    assert enroller_property("enrolled") == "true"
+    time.sleep(0.5)
+    assert monitor.log.count(signal_re) == 2
+
+
+def test_trigger_is_refused_while_a_request_is_in_flight(sandbox, start_daemon, server):
+    server.inject("/initiate", Fault.delay(3))
+    daemon = start_daemon(sandbox.args(base_url=server.url))
+    server.wait_for_request("/initiate")
+    assert enroller_call("trigger").stdout.strip() == "(false,)"
+    daemon.wait_for_message("received trigger call but enrollment is ongoing")
+    assert "forcedEnrollTStamp" not in json.loads(sandbox.status_file.read_text())
+
+
+@pytest.mark.parametrize("flag,disabled", [("--disable", "true"), ("--enable", "false")])
+def test_disabled_property_and_diagnosis(sandbox, start_daemon, flag, disabled):
+    daemon = start_daemon(sandbox.args(flag, "--protocol=noauth-csr"))
+    wait_for_name(daemon)
+    assert enroller_property("disabled") == disabled
+    reply = enroller_call("diagnose").stdout
+    keys = re.findall(r"'(\w+)': <", reply)
+    assert keys[:4] == ["enrolled", "disabled", "base_url", "protocols"], reply
+    assert f"'disabled': <{disabled}>" in reply and "'protocols': <['noauth-csr']>" in reply
+    assert f"'base_url': <'{sandbox.base_url}'>" in reply
+    if disabled == "false":
+        # The public key is there once an attempt has read it.
+        daemon.wait_for_message("sending initiate request")
+        assert "'pubkey': <'-----BEGIN PUBLIC KEY-----" in enroller_call("diagnose").stdout
+
+
+@pytest.mark.parametrize("signature,value,heard", [
+    ("u", "uint32 70", True), ("u", "uint32 60", True), ("u", "uint32 50", False),
+    ("s", "'70'", False)])
+def test_network_manager_state_changed(sandbox, start_daemon, network_manager, signature,
+                                       value, heard):
+    daemon = start_daemon(sandbox.args("--retry=3600", "--debug"))
+    daemon.wait_for_log(FIRST_ATTEMPT_FAILED)  # no request in flight from here on
+    notified = message_re("received network available notification, scheduled a retry")
+    before = daemon.log.count(notified)
+
+    network_manager(signature, value)
+    if signature == "s":
+        daemon.wait_for_message(f"ignoring {NM_NAME}.StateChanged with badly typed "
+                                "arguments (s)")
+    else:
+        daemon.wait_for_log(re.escape(f"got {NM_NAME}.StateChanged({value.split()[1]})") + "$")
+    time.sleep(0.3)
+    assert daemon.log.count(notified) == before + heard, daemon.output()
+
+
+def test_session_bus(sandbox, start_daemon, network_manager):
+    daemon = start_daemon(sandbox.args("--use-session-bus", "--retry=3600"))
+    wait_for_name(daemon, bus="session")
+    assert not has_owner(DBUS_NAME, "system")
+    assert enroller_property("enrolled", bus="session") == "false"
+    # NetworkManager is still watched on the system bus.
+    daemon.wait_for_log(FIRST_ATTEMPT_FAILED)
+    network_manager("u", "uint32 70")
+    daemon.wait_for_message("received network available notification, scheduled a retry")
+
+
+@pytest.mark.parametrize("variable,extra,bus", [
+    ("DBUS_SYSTEM_BUS_ADDRESS", [], "system"),
+    ("DBUS_SESSION_BUS_ADDRESS", ["--use-session-bus"], "session")])
+def test_unreachable_bus_stops_start_up(sandbox, start_daemon, variable, extra, bus):
+    missing = f"unix:path={sandbox.root}/no-bus"
+    daemon = start_daemon(sandbox.args(*extra), env={variable: missing})
+    daemon.wait_for_log(r"CRITICAL \*\*: [0-9:.]+: " +
+                        re.escape(f"failed to connect to D-Bus {bus} bus: Could not connect: "))
+    assert daemon.wait_exit() == 1
+
+
+def test_name_owned_elsewhere_is_taken_over_when_released(sandbox, start_daemon, helpers):
+    owner = helpers(["/usr/bin/python3", "-c", NAME_OWNER, DBUS_NAME])
+    assert owner.log.wait_for("^acquired$", 10), owner.log.text()
+    daemon = start_daemon(sandbox.args())
+    daemon.wait_for_log(r"CRITICAL \*\*: [0-9:.]+: " + re.escape(NOT_OWNED) + "$")
+    owner.stop()
+    daemon.wait_for_message(f"acquired D-Bus name {DBUS_NAME}")
+    assert enroller_property("enrolled") == "false"
+
+
+@pytest.mark.root
+@pytest.mark.parametrize("user,allowed", [("root", True), ("nobody", False)])
+def test_policy(sandbox, start_daemon, helpers, user, allowed):
+    daemon = start_daemon(sandbox.args())
+    wait_for_name(daemon)
+    caller = None if user == "root" else user
+    assert enroller_property("enrolled", user=caller) == "false"
+    introspection = gdbus("introspect", "--dest", DBUS_NAME, "--object-path", DBUS_PATH,
+                          user=caller).stdout
+    for member in ("trigger(out b triggered);", "diagnose(out a{sv} diagnositic);",
+                   "enrolled(s service);", "readonly b enrolled", "readonly b disabled"):
+        assert member in introspection, introspection
+    for method in ("trigger", "diagnose"):
+        done = enroller_call(method, user=caller)
+        assert (done.returncode == 0) == allowed, done.stderr
+        if not allowed:
+            assert "org.freedesktop.DBus.Error.AccessDenied" in done.stderr
+    # Only root and the daemon's user may own the name.
+    daemon.stop()
+    owner = helpers(as_user(user, ["/usr/bin/python3", "-c", NAME_OWNER, DBUS_NAME]))
+    assert owner.log.wait_for("^(acquired|lost)$", 10).group(1) == (
+        "acquired" if allowed else "lost"), owner.log.text()
