@@ -2,6 +2,8 @@
 
 #include "ClassCallback.h"
 #include "Key.h"
+#include "RPMB.h"
+#include "TPM2.h"
 
 Enroller::Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session)
     : info(&info), status(statusFile), session(session) {
@@ -43,6 +45,9 @@ Enroller::~Enroller() {
     if (releaseSource)
         g_source_remove(releaseSource);
     enrolledCallback = nullptr;
+    close_rpmb();
+    if (tpm2)
+        tpm2->close();
 }
 
 void Enroller::register_enrolled_cb(std::function<void()> cb) {

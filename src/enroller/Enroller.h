@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "EnrollerInfo.h"
 #include "EnrollerStatus.h"
@@ -16,8 +17,15 @@
 
 class JsonObjectOutput;
 class Key;
+class RPMB;
+class TPM2;
 struct EnrollResponse;
 struct ErrorResponse;
+struct HMACRequest;
+struct RPMBReadRequest;
+struct RPMBReadResult;
+struct RPMBSignAuthRequest;
+struct RPMBSignAuthorizer;
 
 // The enrollment engine: talks to the enrollment server one request at a time, answers
 // each response status with the matching request, stores the delivered service and keeps
@@ -34,6 +42,9 @@ class Enroller {
     };
 
     static constexpr uint64_t MAX_RESPONSE_SIZE = 131072;
+    // The RPMB write counter can never be reset: the highest value at which the daemon may
+    // still write.
+    static constexpr uint32_t MAX_RPMB_WRITE_COUNTER = 500;
 
     Enroller(const EnrollerInfo& info, const std::string& statusFile, SoupSession* session);
     ~Enroller();
@@ -53,7 +64,8 @@ class Enroller {
     void network_available();
     // Called once per completed enrollment; a later call replaces the callback.
     void register_enrolled_cb(std::function<void()> cb);
-    // The "diagnose" reply: a tuple of one dictionary describing the engine's state.
+    // The "diagnose" reply: a tuple of one dictionary describing the engine's state, its
+    // floating reference sunk.
     GLibPtr<GVariant> diagnose();
 
     void log(const ErrorResponse& error) const;
@@ -93,20 +105,29 @@ class Enroller {
     void on_network_changed(GObject* monitor, GParamSpec* pspec);
     bool rpmb_rate_limit_reschedule();
 
-    // hardware proofs
+    // hardware proofs; `state` is the response's status, for messages
     bool open_rpmb();
+    void close_rpmb();
+    std::unique_ptr<RPMBReadResult> rpmb_read(const RPMBReadRequest* req, const char* state);
+    std::unique_ptr<RPMBSignAuthRequest> rpmb_read_write_counter(const RPMBReadRequest* req,
+                                                                 const char* state);
+    bool rpmb_write(const RPMBSignAuthorizer* auth, const char* state);
+    void diagnose_rpmb(GVariantBuilder* dict);
     bool open_tpm2();
 
     // keys
     void read_pubkey();
     void load_device_key(bool announce);
     bool get_csr();
+    std::vector<unsigned char> tpm2_auth_key_csr_hmac(const HMACRequest* req, const char* status);
 
     Request request = REQUEST_NONE;
     uint64_t received = 0;
     const EnrollerInfo* info;
     EnrollerStatus status;
     SoupSession* session;
+    std::unique_ptr<RPMB> rpmb;  // open while held
+    std::unique_ptr<TPM2> tpm2;
     std::unique_ptr<Key> deviceKey;  // read once per enrollment
     std::string csrPem;
     std::string publicKeyPem;

@@ -16,5 +16,7 @@ GLibPtr<GVariant> Enroller::diagnose() {
 
     if (!publicKeyPem.empty())
         g_variant_builder_add(&dict, "{sv}", "pubkey", g_variant_new_string(publicKeyPem.c_str()));
+    if (rpmb)
+        diagnose_rpmb(&dict);
     return GLibPtr<GVariant>(g_variant_new("(a{sv})", &dict));
 }

@@ -7,9 +7,10 @@
 #include "EnrollerMessages.h"
 #include "JsonObjectOutput.h"
 #include "Key.h"
+#include "TPM2.h"
 
 void Enroller::initiate() {
-    if (info->hasProtocol(PROTO_EMMC_RPMB_CSR) && !open_rpmb())
+    if (info->hasProtocol(PROTO_EMMC_RPMB_CSR) && !rpmb && !open_rpmb())
         return;
     if (info->hasProtocol(PROTO_TPM2_AUTHKEY_CSR) && !open_tpm2())
         return;
@@ -92,22 +93,77 @@ void Enroller::handle_csr_required_req(const EnrollResponse& rsp) {
     send_json(REQUEST_CSR_VERIFY, out, G_STRFUNC);
 }
 
-// The RPMB and TPM proofs are not part of this build: open_rpmb() and open_tpm2() never
-// succeed, so these handlers stop at their preconditions.
 void Enroller::handle_auth_req(const EnrollResponse& rsp) {
     if (!check_protocol(rsp, PROTO_EMMC_RPMB_CSR))
         return;
-    g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "rpmb");
+    g_return_if_fail(rpmb);
+    if (!ensure_csr())
+        return;
+    const char* state = rsp.status.c_str();
+    const std::unique_ptr<RPMBReadResult> result = rpmb_read(rsp.rpmbReadRequest.get(), state);
+    if (!result)
+        return;
+    std::unique_ptr<RPMBSignAuthRequest> sign =
+        rpmb_read_write_counter(rsp.rpmbReadRequest.get(), state);
+    if (!sign)
+        return;
+    sign->sdata = csrPem;
+    sign->dataType = "CSR";
+    sign->startBlock = 1;  // the block the server will authorise the write of
+
+    if (status.rpmb.writeCounter > MAX_RPMB_WRITE_COUNTER - 1) {
+        g_warning(
+            "RPMB reached maximum allowed number of writes (%u >= %u), aborting data "
+            "authenticate request",
+            status.rpmb.writeCounter, MAX_RPMB_WRITE_COUNTER);
+        schedule_retry(86400);
+        return;
+    }
+    if (rpmb_rate_limit_reschedule())
+        return;
+
+    JsonObjectOutput out;
+    out.addProperty("cbData", rsp.cbData.c_str());
+    out << *result << *sign;
+    send_json(REQUEST_DATA_AUTHENTICATE, out, G_STRFUNC);
 }
 
-void Enroller::handle_data_verify_req(const EnrollResponse&) {
-    g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "rpmb");
+void Enroller::handle_data_verify_req(const EnrollResponse& rsp) {
+    g_return_if_fail(rpmb);
+    const char* state = rsp.status.c_str();
+    if (!rpmb_write(rsp.rpmbSignAuthorizer.get(), state))
+        return;
+    const std::unique_ptr<RPMBReadResult> result = rpmb_read(rsp.rpmbReadRequest.get(), state);
+    if (!result)
+        return;
+
+    JsonObjectOutput out;
+    out.addProperty("cbData", rsp.cbData.c_str());
+    out << *result;
+    send_json(REQUEST_DATA_VERIFY, out, G_STRFUNC);
 }
 
+// The TPM proof is not part of this build: open_tpm2() never succeeds, so this handler
+// stops at its precondition.
 void Enroller::handle_csr_auth_required_req(const EnrollResponse& rsp) {
     if (!check_protocol(rsp, PROTO_TPM2_AUTHKEY_CSR))
         return;
-    g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "tpm2.is_open()");
+    if (!tpm2 || !tpm2->is_open()) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "tpm2.is_open()");
+        return;
+    }
+    if (!ensure_csr())
+        return;
+    const std::vector<unsigned char> hmac =
+        tpm2_auth_key_csr_hmac(rsp.hmacRequest.get(), rsp.status.c_str());
+    if (hmac.empty())
+        return;
+
+    JsonObjectOutput out;
+    out.addProperty("cbData", rsp.cbData.c_str());
+    out.addProperty("CSR", csrPem.c_str());
+    out.addProperty("hmac", hmac.data(), hmac.size());
+    send_json(REQUEST_CSR_VERIFY, out, G_STRFUNC);
 }
 
 void Enroller::handle_enrolled_req(const EnrollResponse& rsp) {

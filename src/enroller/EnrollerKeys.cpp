@@ -1,7 +1,12 @@
 #include "Enroller.h"
 
+#include <openssl/crypto.h>
+
 #include "CertificateSignRequest.h"
+#include "EnrollerMessages.h"
+#include "GLibPtr.h"
 #include "Key.h"
+#include "TPM2.h"
 
 // The key file is read once per enrollment: the public key of "/initiate", the CSR and
 // the check of the delivered certificate all use that one copy. `announce` says whether
@@ -49,6 +54,48 @@ bool Enroller::get_csr() {
 }
 
 bool Enroller::open_tpm2() {
-    g_warning("TPM access is not supported by this build");
-    return false;
+    if (!tpm2)
+        tpm2 = std::make_unique<TPM2>();
+    return tpm2->is_open() || tpm2->open();
+}
+
+// The TPM decrypts the server's ephemeral key; keying an HMAC of the CSR and the server's
+// nonce with it binds the CSR to this TPM.
+std::vector<unsigned char> Enroller::tpm2_auth_key_csr_hmac(const HMACRequest* req,
+                                                            const char* status) {
+    std::vector<unsigned char> res;
+    if (!req) {
+        g_warning("missing hmacRequest in %s enroll response", status);
+        return res;
+    }
+    if (csrPem.empty()) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, "! csr.empty()");
+        return res;
+    }
+    const RSAEncrpytedKey& crypted = req->rsaEncryptedKey;
+    const TPM2::Padding padding = TPM2::parse_padding(crypted.padding, crypted.paddingHash);
+    if (padding == TPM2::UNKNOWN_PADDING) {
+        g_warning("unknown padding '%s' or paddingHash '%s' in %s enroll response",
+                  crypted.padding.c_str(), crypted.paddingHash.c_str(), status);
+        return res;
+    }
+    std::vector<unsigned char> key;
+    if (!tpm2->auth_decrypt(crypted.crypted, padding, key)) {
+        g_warning("failed decrypting ephemeral key in %s enroll response", status);
+        return res;
+    }
+    const GHmacPtr hmac(g_hmac_new(G_CHECKSUM_SHA256, key.data(), key.size()));
+    OPENSSL_cleanse(key.data(), key.size());
+    if (!hmac) {
+        g_critical("glib does not support SHA-256 HMAC");
+        return res;
+    }
+    // the terminating NUL is part of the authenticated data, the server hashes it too
+    g_hmac_update(hmac.get(), reinterpret_cast<const guchar*>(csrPem.c_str()), csrPem.size() + 1);
+    g_hmac_update(hmac.get(), req->nonce.data(), req->nonce.size());
+    res.resize(g_checksum_type_get_length(G_CHECKSUM_SHA256));
+    gsize len = res.size();
+    g_hmac_get_digest(hmac.get(), res.data(), &len);
+    g_assert(len == res.size());
+    return res;
 }

@@ -135,3 +135,5 @@ using GStrvPtr = CPtr<gchar*, g_strfreev>;
 using GErrorPtr = CPtr<GError, g_error_free>;
 using GMainLoopPtr = CPtr<GMainLoop, g_main_loop_unref>;
 using GOptionContextPtr = CPtr<GOptionContext, g_option_context_free>;
+using GChecksumPtr = CPtr<GChecksum, g_checksum_free>;
+using GHmacPtr = CPtr<GHmac, g_hmac_unref>;

@@ -2,6 +2,7 @@
 
 import pytest
 
+import tpmtest
 import zeltest
 
 
@@ -122,5 +123,38 @@ def server(ca):
 def second_server(ca):
     """Another one, on its own port and base path."""
     srv = _enroll_server(ca, base_path="/v2/enroll")
+    yield srv
+    srv.stop()
+
+
+@pytest.fixture
+def swtpm():
+    """A started TPM simulator (tpmtest.Swtpm) in the test's own network namespace, which
+    the test's thread, the servers it makes and the processes it starts share (root only).
+    Request it before the servers so that they live in the namespace too."""
+    if not zeltest.is_root():
+        pytest.skip("needs root (network namespace for the simulator's fixed port)")
+    netns = tpmtest.NetNamespace()
+    tpm = tpmtest.Swtpm()
+    try:
+        yield tpm.start()
+    finally:
+        tpm.cleanup()
+        netns.leave()
+
+
+@pytest.fixture
+def tpm_key(swtpm):
+    """(PEM public key, TPM name) of the authentication key the daemon will have, derived
+    with tpm2-tools as a factory would."""
+    return swtpm.provision_public_key()
+
+
+@pytest.fixture
+def tpm_server(ca, swtpm, tpm_key):
+    """A reference server speaking "tpm2-authkey-csr" in the simulator's namespace, with
+    the TPM key registered for the sandbox's default serial."""
+    srv = _enroll_server(ca, protocols=("tpm2-authkey-csr",))
+    srv.tpm.register("SN-TEST-1", tpm_key[0])
     yield srv
     srv.stop()

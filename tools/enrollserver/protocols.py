@@ -81,4 +81,9 @@ class NoAuthCsr:
         return server.enrolled(enrollment, csr)
 
 
-PROTOCOLS = {protocol.name: protocol for protocol in (NoAuthCsr(),)}
+from .rpmb import EmmcRpmbCsr  # noqa: E402  (they build on the helpers above)
+from .tpm import Tpm2AuthkeyCsr  # noqa: E402
+
+# Each server makes its own instance of these, so that their knobs stay per server.
+PROTOCOLS = {protocol.name: protocol
+             for protocol in (NoAuthCsr(), EmmcRpmbCsr(), Tpm2AuthkeyCsr())}

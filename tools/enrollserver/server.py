@@ -16,6 +16,7 @@ from cryptography.hazmat.primitives import serialization
 from .faults import serve_transport_fault
 from .protocols import PROTOCOLS, Enrollment, ServerError, bad_request, require
 from .threaded import BackgroundServer
+from .tpm import TpmSettings
 
 ACK_STATUSES = ("saved", "error", "unknown")
 ALT_SERIALS = ("user", "board", "system", "chassis")
@@ -49,18 +50,20 @@ class EnrollServer(BackgroundServer):
 
     Knobs for tests: `extra_services` (added to "enrolledServices"), `bad_certificate` (the
     certificate is for another key), `omit_services` (no "enrolledServices"),
-    `omit_aws_iot` (no "aws-iot" in it), `inject()` and `expire()`."""
+    `omit_aws_iot` (no "aws-iot" in it), `tpm` (TPM keys and knobs, see tpm.py), `inject()`
+    and `expire()`."""
 
     def __init__(self, ca, host="127.0.0.1", port=0, tls=False, base_path="/enroll",
                  protocols=("noauth-csr",), log=None):
         self.ca = ca
         self.base_path = base_path.rstrip("/")
-        self.protocols = [PROTOCOLS[name] for name in protocols]
+        self.protocols = [type(PROTOCOLS[name])() for name in protocols]
         self.log = log
         self.extra_services = {}
         self.bad_certificate = False
         self.omit_services = False
         self.omit_aws_iot = False
+        self.tpm = TpmSettings()  # device TPM keys and "tpm2-authkey-csr" knobs
         self.acknowledgements = []  # (device, acknowledgedServices) per "/acknowledge"
         self.sent_services = []  # every "enrolledServices" object sent
         self.issued_certificates = []
@@ -73,6 +76,10 @@ class EnrollServer(BackgroundServer):
             self._tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             self._tls.load_cert_chain(*ca.issue_server_cert())
         super().__init__(host, port, _Handler)
+
+    def protocol(self, name):
+        """This server's instance of protocol `name`, whose knobs tests may set."""
+        return next(p for p in self.protocols if p.name == name)
 
     @property
     def ca_file(self):

@@ -1,0 +1,235 @@
+""""emmc-rpmb-csr" enrollments of the real daemon against the reference server, on an RPMB
+simulated in files by rpmbsim and, as root, on a device node served by the ioctl shim."""
+
+import base64
+import json
+import os
+import re
+import shutil
+import stat
+import struct
+import subprocess
+import time
+from datetime import datetime, timedelta, timezone
+
+import pytest
+
+import zeltest
+from enrollserver import Fault
+from enrollserver.rpmb import b64, rpmb_mac
+
+PROTO = "emmc-rpmb-csr"
+DONE = "enrollment completed successfully"
+KEY = bytes(range(0x40, 0x60))
+DEVID = b"ZEL-DEVICE-ID:SN-RPMB-1".ljust(256, b"\0")
+RPMBSIM = zeltest.BUILD_DIR / "tools" / "rpmbsim"
+SHIM = zeltest.BUILD_DIR / "tests" / "shim" / "libmmc_shim.so"
+PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
+         "/enroll/acknowledge"]
+
+
+class Rpmb:
+    """A simulated RPMB made by rpmbsim with KEY, block 0 holding DEVID."""
+
+    def __init__(self, root):
+        self.base = root / "rpmb"
+        (root / "rpmb-key").write_bytes(KEY)
+        subprocess.run([RPMBSIM, "create", self.base, "1", "--key-file", root / "rpmb-key"],
+                       check=True, capture_output=True, timeout=10)
+        with open(f"{self.base}.data", "r+b") as f:
+            f.write(DEVID)
+        self.wrctr = root / "rpmb.wrctr"
+
+    counter = property(lambda self: struct.unpack(">I", self.wrctr.read_bytes())[0],
+                       lambda self, value: self.wrctr.write_bytes(struct.pack(">I", value)))
+
+    def block(self, n):
+        return (self.base.parent / "rpmb.data").read_bytes()[n * 256:(n + 1) * 256]
+
+
+@pytest.fixture
+def rpmb(sandbox):
+    return Rpmb(sandbox.root)
+
+
+@pytest.fixture
+def rpmb_server(ca):
+    from enrollserver import EnrollServer
+    srv = EnrollServer(ca, protocols=(PROTO,)).start()
+    proto = srv.protocol(PROTO)
+    proto.keys["SN-TEST-1"] = KEY
+    proto.expected_data = DEVID
+    yield srv
+    srv.stop()
+
+
+def start(sandbox, start_daemon, server, rpmb_path, *extra):
+    return start_daemon(sandbox.args(f"--rpmb={rpmb_path}", f"--protocol={PROTO}", "--retry=1",
+                                     *extra, base_url=server.url))
+
+
+def write_status(sandbox, counter, stamps_ago=()):
+    now = datetime.now(timezone.utc)
+    stamps = [(now - timedelta(seconds=s)).strftime("%Y-%m-%dT%H:%M:%SZ") for s in stamps_ago]
+    sandbox.status_file.write_text(json.dumps({"enrolled": False, "enabled": True,
+                                               "rpmb": {"writeCounter": counter,
+                                                        "writeTStamps": stamps}}))
+
+
+def status(sandbox):
+    return json.loads(sandbox.status_file.read_text())
+
+
+@pytest.mark.parametrize("stored, device", [(0, 0), (3, 7), (499, 499)])
+def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, device):
+    """The counter the device reports is adopted and saved before "/dataAuthenticate"; the
+    one authorised write lands in block 1, counts once and is recorded with its time."""
+    write_status(sandbox, stored)
+    rpmb.counter = device
+    rpmb_server.inject("/dataAuthenticate", Fault.delay(0.5))
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    rpmb_server.wait_for_request("/dataAuthenticate")
+    assert status(sandbox)["rpmb"]["writeCounter"] == device
+    daemon.wait_for_message(DONE, timeout=15)
+
+    assert [r.path for r in rpmb_server.requests] == PATHS
+    auth = rpmb_server.requests[1].json
+    assert list(auth) == ["cbData", "rpmbReadResult", "rpmbSignAuthRequest"]
+    sign = auth["rpmbSignAuthRequest"]
+    assert list(sign) == ["sdata", "dataType", "writeCounter", "writeCounterHmac", "startBlock"]
+    assert (sign["dataType"], sign["writeCounter"], sign["startBlock"]) == ("CSR", device, 1)
+    assert list(rpmb_server.requests[2].json) == ["cbData", "rpmbReadResult"]
+
+    assert rpmb.counter == device + 1
+    assert rpmb.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
+    assert rpmb.block(0) == DEVID
+    state = status(sandbox)
+    assert state["enrolled"] is True and state["rpmb"]["writeCounter"] == device + 1
+    assert len(state["rpmb"]["writeTStamps"]) == 1
+
+    # The diagnosis reads the counter and block 0 afresh, with a MAC over its own nonce.
+    reply = zeltest.enroller_call("diagnose").stdout
+    assert f"'counter': <uint32 {device + 1}>" in reply, reply
+    devid = {k: base64.b64decode(v) for k, v in re.findall(r"'(data|nonce|mac)': <'([^']*)'>",
+                                                              reply)}
+    assert devid["data"] == DEVID
+    assert devid["mac"] == rpmb_mac(KEY, [DEVID], devid["nonce"], 0, 0, 1, 0, 0x0400)
+    rpmb.wrctr.write_bytes(b"")  # a counter the card fails to read
+    reply = zeltest.enroller_call("diagnose").stdout
+    assert "'counter'" not in reply and "'devid'" in reply
+    daemon.wait_for_message("failed to read RPMB write counter for diagnosis: RPMB failure (6)")
+
+
+HOUR, DAY = 3600, 86400
+GUARDS = [
+    # stored counter, write times (seconds ago), expected warning (regex)
+    (500, [], re.escape("RPMB reached maximum allowed number of writes (500 >= 500), "
+                        "aborting data authenticate request")),
+    (10, [HOUR * i + 60 for i in range(10)],
+     r"reached RPMB write limit \(10 >= 10\) over last 86400 seconds, one slot will free in "
+     r"539[0-9]{2} seconds"),
+    (20, [HOUR * (12 * i + 1) for i in range(20)],
+     r"reached RPMB write limit \(20 >= 20\) over last 864000 seconds, one slot will free in "
+     r"[0-9]+ seconds"),
+]
+
+
+@pytest.mark.parametrize("counter, stamps, warning", GUARDS)
+def test_rpmb_write_guards(sandbox, start_daemon, rpmb_server, rpmb, counter, stamps, warning):
+    """A worn or busy RPMB is not written: no "/dataAuthenticate", the next try much later."""
+    write_status(sandbox, counter, stamps)
+    rpmb.counter = counter
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base, "--debug")
+    daemon.wait_for_log(r": " + warning + "$", timeout=10)
+    daemon.wait_for_log(r"scheduling a retry in (86400|[0-9]{4,}) secs$", timeout=2)
+    time.sleep(2.5)
+    assert [r.path for r in rpmb_server.requests] == PATHS[:1]
+    assert rpmb.counter == counter and status(sandbox)["rpmb"]["writeCounter"] == counter
+
+
+def test_worn_rpmb_is_never_written(sandbox, start_daemon, rpmb_server, rpmb):
+    """Not even a server that asks for the write straight away gets a worn RPMB written."""
+    write_status(sandbox, 501)
+    rpmb.counter = 501
+    rpmb_server.inject("/initiate", Fault.json({
+        "status": "dataVerifyRequired", "enrollmentProtocol": PROTO, "cbData": "x",
+        "rpmbSignAuthorizer": {"data": b64(bytes(256)), "hmac": b64(bytes(32))}}))
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_log(re.escape(
+        "bool Enroller::rpmb_write(const RPMBSignAuthorizer*, const char*): assertion "
+        "'status.rpmb.writeCounter <= MAX_RPMB_WRITE_COUNTER' failed"), timeout=10)
+    daemon.wait_for_log(re.escape("RPMB reached maximum allowed number of writes (501 >= 500)"),
+                        timeout=10)
+    assert rpmb.counter == 501 and status(sandbox)["rpmb"]["writeCounter"] == 501
+
+
+WRITE_REFUSED = ("failed RPMB write of 1 blocks @ 1 for dataVerifyRequired enroll response: "
+                 "RPMB operation failed with code 2")
+# the card checks the MAC, which covers the counter, before the counter itself
+REFUSALS = [("bad_mac", WRITE_REFUSED), ("stale_counter", WRITE_REFUSED),
+            ("nonce_mismatch", "request failed with status code: 403, code: "
+                               "RPMBAuthenticationException")]
+
+
+@pytest.mark.parametrize("fault, warning", REFUSALS)
+def test_refused_rpmb_proof_starts_over(sandbox, start_daemon, rpmb_server, rpmb, fault,
+                                        warning):
+    """A proof that fails sends no "/dataVerify" and writes nothing; the next attempt
+    starts over from "/initiate" and completes."""
+    rpmb_server.protocol(PROTO).faults = [fault]
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_log(re.escape(warning), timeout=10)
+    daemon.wait_for_message(DONE, timeout=15)
+    assert [r.path for r in rpmb_server.requests] == PATHS[:2] + PATHS
+    assert rpmb.counter == 1 and status(sandbox)["rpmb"]["writeCounter"] == 1
+
+
+@pytest.mark.parametrize("blocks", [2**32, 70000, -1])
+def test_hostile_read_size_is_refused(sandbox, start_daemon, rpmb_server, rpmb, blocks):
+    """A read no device could answer is refused before anything is allocated, every time."""
+    rpmb_server.protocol(PROTO).nr_blocks = blocks
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    warning = (f"failed RPMB read of {blocks % 2**64} blocks @ 0 for dataAuthRequired enroll "
+               f"response: Invalid argument (22)")
+    daemon.wait_for_message(warning, timeout=10)
+    rss = int(daemon.status()["VmRSS"].split()[0])
+    assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 4, 20)
+    assert daemon.running_pid() and int(daemon.status()["VmRSS"].split()[0]) < rss + 2048
+    assert {r.path for r in rpmb_server.requests} == {PATHS[0]}
+
+
+def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_server):
+    daemon = start(sandbox, start_daemon, rpmb_server, sandbox.root / "none")
+    warning = (f"failed to open simulated RPMB with base name '{sandbox.root}/none': "
+               "No such file or directory (2)")
+    assert zeltest.wait_until(lambda: daemon.log.count(re.escape(warning)) >= 2, 10)
+    assert rpmb_server.requests == []
+
+
+@pytest.mark.root
+def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
+    """On a device node, through the MMC multi-command ioctl, as the unprivileged user with
+    CAP_SYS_RAWIO raised only around each ioctl."""
+    box = nobody_sandbox
+    rpmb = Rpmb(box.root)
+    node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"
+    os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+    log.touch()
+    for path in (node, log, *box.root.glob("rpmb.*")):
+        shutil.chown(path, "nobody")
+    env = {"LD_PRELOAD": str(SHIM), "ZEL_MMC_SHIM_RPMB": str(rpmb.base),
+           "ZEL_MMC_SHIM_NODE": str(node), "ZEL_MMC_SHIM_LOG": str(log)}
+    daemon = start_daemon(box.args(f"--rpmb={node}", f"--protocol={PROTO}", "--retry=1",
+                                   user="nobody", base_url=rpmb_server.url), env=env)
+    daemon.wait_for_message(DONE, timeout=15)
+    assert daemon.stop() == 0
+
+    assert [r.path for r in rpmb_server.requests] == PATHS
+    assert rpmb.counter == 1
+    assert rpmb.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
+    lines = log.read_text().splitlines()
+    ioctls = [dict(f.split("=") for f in line.split()[1:]) for line in lines[:-1]]
+    assert [i["type"] for i in ioctls] == ["0x0004", "0x0002", "0x0003", "0x0004"]
+    rawio = 1 << 17
+    assert all(int(i["cap_eff"], 16) == rawio and i["rc"] == "0" for i in ioctls)
+    assert lines[-1] == "exit cap_eff=0000000000000000"

@@ -1,0 +1,199 @@
+// An eMMC RPMB for machines without one, preloaded into a process under test:
+//
+//   LD_PRELOAD=.../libmmc_shim.so ZEL_MMC_SHIM_RPMB=BASE [ZEL_MMC_SHIM_NODE=NODE]
+//   [ZEL_MMC_SHIM_LOG=FILE] program ...
+//
+// ZEL_MMC_SHIM_RPMB  base name of a simulated RPMB (BASE.key, BASE.wrctr, BASE.data, as
+//                    made by `rpmbsim create`) that answers the frames; required.
+// ZEL_MMC_SHIM_NODE  the character device node standing in for the RPMB device (any node
+//                    that opens, e.g. `mknod NODE c 1 3`); only MMC_IOC_MULTI_CMD ioctls on
+//                    that node are answered. Unset: every MMC_IOC_MULTI_CMD is answered.
+// ZEL_MMC_SHIM_LOG   file to which one line is appended per answered ioctl and one when
+//                    the process exits:
+//                      ioctl cmds=N type=0xTTTT nreq=N nrsp=N cap_eff=HEX rc=0
+//                      ioctl ... error=TEXT        (the ioctl failed)
+//                      exit cap_eff=HEX
+//                    cap_eff is the process's effective capability mask (CapEff).
+//
+// Every field of every command is checked against what the card driver expects of an
+// RPMB operation; a deviation fails the ioctl with EPROTO and is reported on stderr. Like
+// the kernel, the shim refuses with EPERM unless CAP_SYS_RAWIO is effective. Other ioctls
+// go to the C library.
+
+#include <dlfcn.h>
+#include <linux/capability.h>
+#include <linux/mmc/ioctl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "RPMBSimulator.h"
+
+namespace {
+
+using Frame = RPMB::Frame;
+
+void log_line(const char* format, ...) {
+    const char* const path = getenv("ZEL_MMC_SHIM_LOG");
+    if (!path || !*path)
+        return;
+    FILE* const log = fopen(path, "a");
+    if (!log)
+        return;
+    va_list args;
+    va_start(args, format);
+    vfprintf(log, format, args);
+    va_end(args);
+    fputc('\n', log);
+    fclose(log);
+}
+
+// The effective capability mask as /proc shows it, or "unknown".
+std::string cap_eff() {
+    std::string mask = "unknown";
+    FILE* const status = fopen("/proc/self/status", "r");
+    if (!status)
+        return mask;
+    char line[256];
+    while (fgets(line, sizeof(line), status)) {
+        if (strncmp(line, "CapEff:", 7) == 0) {
+            mask = line + 7;
+            mask.erase(0, mask.find_first_not_of(" \t"));
+            mask.erase(mask.find_last_not_of(" \t\n") + 1);
+        }
+    }
+    fclose(status);
+    return mask;
+}
+
+bool is_shim_node(int fd) {
+    const char* const node = getenv("ZEL_MMC_SHIM_NODE");
+    if (!node || !*node)
+        return true;
+    struct stat want, have;
+    return stat(node, &want) == 0 && fstat(fd, &have) == 0 && want.st_dev == have.st_dev &&
+           want.st_ino == have.st_ino;
+}
+
+// Why `cmd` is not the expected command, or empty when it is.
+std::string check_cmd(const mmc_ioc_cmd& cmd, const char* name, unsigned int write_flag,
+                      unsigned int opcode, unsigned int max_blocks) {
+    mmc_ioc_cmd expected{};
+    expected.write_flag = static_cast<int>(write_flag);
+    expected.opcode = opcode;
+    expected.flags = 0x35;
+    expected.blksz = 512;
+    expected.blocks = cmd.blocks;
+    expected.data_ptr = cmd.data_ptr;
+    char why[256] = "";
+    if (cmd.blocks < 1 || cmd.blocks > max_blocks || !cmd.data_ptr ||
+        memcmp(&cmd, &expected, sizeof(cmd)) != 0)
+        snprintf(why, sizeof(why),
+                 "%s: write_flag=0x%x opcode=%u arg=0x%x flags=0x%x blksz=%u blocks=%u "
+                 "data_ptr=%s is_acmd=%d, wanted write_flag=0x%x opcode=%u arg=0 flags=0x35 "
+                 "blksz=512 blocks=1..%u, other fields zero",
+                 name, static_cast<unsigned>(cmd.write_flag), cmd.opcode, cmd.arg, cmd.flags,
+                 cmd.blksz, cmd.blocks, cmd.data_ptr ? "set" : "null", cmd.is_acmd, write_flag,
+                 opcode, max_blocks);
+    return why;
+}
+
+const Frame* frames(const mmc_ioc_cmd& cmd) {
+    return reinterpret_cast<const Frame*>(static_cast<uintptr_t>(cmd.data_ptr));
+}
+
+// Checks one multi-command operation; on success `op` describes it for the log.
+std::string check_op(const mmc_ioc_multi_cmd* multi, std::string* op) {
+    if (!multi)
+        return "null argument";
+    const mmc_ioc_cmd* const cmds = multi->cmds;
+    if (multi->num_of_cmds != 2 && multi->num_of_cmds != 3)
+        return "num_of_cmds " + std::to_string(multi->num_of_cmds) + ", wanted 2 or 3";
+    const bool write = multi->num_of_cmds == 3;
+    std::string why = check_cmd(cmds[0], "request", write ? 0x80000001 : 1, 25, 65535);
+    if (!why.empty())
+        return why;
+    const uint16_t type = frames(cmds[0])[0].type();
+    if (write) {
+        why = check_cmd(cmds[1], "result read request", 1, 25, 1);
+        if (why.empty())
+            why = check_cmd(cmds[2], "response", 0, 18, 1);
+        Frame result_read{};
+        result_read.set_type(RPMB::TYPE_RESULT_READ);
+        if (why.empty() && memcmp(frames(cmds[1]), &result_read, sizeof(Frame)) != 0)
+            why = "result read request frame is not all zero with type 0x0005";
+        if (why.empty() && type != RPMB::TYPE_DATA_WRITE)
+            why = "three commands for request type " + std::to_string(type);
+    } else {
+        why = check_cmd(cmds[1], "response", 0, 18, type == RPMB::TYPE_COUNTER_READ ? 1 : 65535);
+        if (why.empty() && type != RPMB::TYPE_COUNTER_READ && type != RPMB::TYPE_DATA_READ)
+            why = "two commands for request type " + std::to_string(type);
+    }
+    char text[128];
+    snprintf(text, sizeof(text), "cmds=%u type=0x%04x nreq=%u nrsp=%u",
+             static_cast<unsigned>(multi->num_of_cmds), type, cmds[0].blocks,
+             cmds[multi->num_of_cmds - 1].blocks);
+    *op = text;
+    return why;
+}
+
+int answer(mmc_ioc_multi_cmd* multi) {
+    std::string op = "cmds=?";
+    const std::string caps = cap_eff();
+    const std::string why = check_op(multi, &op);
+    int error = 0;
+    std::string text;
+    if (!why.empty()) {
+        error = EPROTO;
+        text = why;
+    } else if (!(strtoull(caps.c_str(), nullptr, 16) & (1ull << CAP_SYS_RAWIO))) {
+        error = EPERM;
+        text = "CAP_SYS_RAWIO is not effective";
+    } else {
+        const mmc_ioc_cmd& last = multi->cmds[multi->num_of_cmds - 1];
+        const char* const base = getenv("ZEL_MMC_SHIM_RPMB");
+        RPMBSimulator sim;
+        if (!base || !sim.open(base)) {
+            error = EIO;
+            text = std::string("cannot open simulated RPMB '") + (base ? base : "") + "'";
+        } else if (sim.do_op(frames(multi->cmds[0]), multi->cmds[0].blocks,
+                             reinterpret_cast<Frame*>(static_cast<uintptr_t>(last.data_ptr)),
+                             last.blocks) != 0) {
+            error = errno;
+            text = std::string("simulator: ") + strerror(errno);
+        }
+    }
+    if (error) {
+        fprintf(stderr, "mmc_shim: %s\n", text.c_str());
+        log_line("ioctl %s cap_eff=%s error=%s", op.c_str(), caps.c_str(), text.c_str());
+        errno = error;
+        return -1;
+    }
+    log_line("ioctl %s cap_eff=%s rc=0", op.c_str(), caps.c_str());
+    return 0;
+}
+
+__attribute__((destructor)) void log_exit() {
+    log_line("exit cap_eff=%s", cap_eff().c_str());
+}
+
+}  // namespace
+
+extern "C" int ioctl(int fd, unsigned long request, ...) __THROW {
+    va_list args;
+    va_start(args, request);
+    void* const arg = va_arg(args, void*);
+    va_end(args);
+    if (request == MMC_IOC_MULTI_CMD && is_shim_node(fd))
+        return answer(static_cast<mmc_ioc_multi_cmd*>(arg));
+    using Ioctl = int (*)(int, unsigned long, ...);
+    static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
+    return real(fd, request, arg);
+}
