@@ -64,7 +64,6 @@ void Enroller::send_request(Request kind, const std::string& body) {
     // delivered as GET would record an enrollment the server never confirmed; such answers
     // must reach the completion callback as they are.
     //
-    //
     // Marked idempotent, the POSTs of one enrollment share one kept-alive connection: one
     // TCP (and TLS) handshake instead of three. The mark only lets the session pick an idle
     // connection; it re-sends on its own only requests of idempotent methods, never these.
