@@ -143,8 +143,6 @@ void Enroller::handle_data_verify_req(const EnrollResponse& rsp) {
     send_json(REQUEST_DATA_VERIFY, out, G_STRFUNC);
 }
 
-// The TPM proof is not part of this build: open_tpm2() never succeeds, so this handler
-// stops at its precondition.
 void Enroller::handle_csr_auth_required_req(const EnrollResponse& rsp) {
     if (!check_protocol(rsp, PROTO_TPM2_AUTHKEY_CSR))
         return;

@@ -21,12 +21,7 @@ unsigned RetryPolicy::backoff_delay(unsigned base, double uniform) {
 }
 
 bool RetryPolicy::rpmb_rate_limited(const EnrollerRPMBStatus& history, RateLimit* hit) {
-    static constexpr struct {
-        unsigned limit;
-        long window;
-    } table[] = {{50, 31536000}, {30, 15552000}, {20, 864000}, {10, 86400}};
-
-    for (const auto& row : table) {
+    for (const RateRow& row : RPMB_WRITE_RATES) {
         long wait = 0;
         const unsigned count = history.countWritesInLastSecs(row.window, &wait);
         if (count >= row.limit) {

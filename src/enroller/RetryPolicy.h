@@ -19,6 +19,15 @@ class RetryPolicy {
     // [0, base * multiplier), capped at one day.
     static unsigned backoff_delay(unsigned base, double uniform);
 
+    // The RPMB write-rate table: at most `limit` writes within the trailing `window`
+    // seconds, rows checked in this order.
+    struct RateRow {
+        unsigned limit;
+        long window;
+    };
+    static constexpr RateRow RPMB_WRITE_RATES[] = {
+        {50, 31536000}, {30, 15552000}, {20, 864000}, {10, 86400}};
+
     struct RateLimit {
         unsigned count;  // writes within the window
         unsigned limit;  // the table's limit for the window

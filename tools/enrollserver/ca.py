@@ -84,6 +84,17 @@ class TestCA:
                 .sign(self.key, hashes.SHA256()))
         return cert.public_bytes(PEM).decode()
 
+    def issue_cert(self, public_key, not_before, not_after, subject="device"):
+        """A client certificate for `public_key` valid from `not_before` to `not_after`
+        (aware datetimes), as PEM text."""
+        cert = (x509.CertificateBuilder().subject_name(_name(subject))
+                .issuer_name(self.cert.subject).public_key(public_key)
+                .serial_number(x509.random_serial_number())
+                .not_valid_before(not_before).not_valid_after(not_after)
+                .add_extension(x509.ExtendedKeyUsage([ExtendedKeyUsageOID.CLIENT_AUTH]), False)
+                .sign(self.key, hashes.SHA256()))
+        return cert.public_bytes(PEM).decode()
+
     def issue_unrelated_cert(self, subject="unrelated device"):
         """A certificate for a key nobody else has (PEM text)."""
         return (self._builder(_name(subject), _new_key().public_key(), days=30)
