@@ -90,12 +90,22 @@ def wait_until(predicate, timeout, interval=0.02):
 
 def namespace_command(command, mounts):
     """`command` run in a private mount namespace with `mounts` ({target: source}) bound
-    over the real paths; the final exec keeps the PID of the started process."""
+    over the real paths; a source ("ro", path) binds read-only, ("full-tmpfs", size) mounts
+    a tmpfs of that size filled up. The final exec keeps the PID of the started process."""
     if not mounts:
         return list(command)
     script = ["set -e"]
     for target, source in mounts.items():
-        script.append(f"mount --bind {shlex.quote(str(source))} {shlex.quote(str(target))}")
+        target = shlex.quote(str(target))
+        if isinstance(source, tuple):  # ("ro", path) or ("full-tmpfs", size)
+            kind, arg = source
+            if kind == "ro":
+                script.append(f"mount --bind -o ro {shlex.quote(str(arg))} {target}")
+            else:
+                script.append(f"mount -t tmpfs -o size={arg} tmpfs {target}")
+                script.append(f"cat /dev/zero >{target}/.filler 2>/dev/null || true")
+        else:
+            script.append(f"mount --bind {shlex.quote(str(source))} {target}")
     script.append("exec " + " ".join(shlex.quote(str(arg)) for arg in command))
     return ["unshare", "--mount", "--propagation", "private", "/bin/sh", "-c", "\n".join(script)]
 
