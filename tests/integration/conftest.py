@@ -143,6 +143,6 @@ def tpm_key(swtpm):
 def tpm_server(ca, swtpm, tpm_key):
     """A "tpm2-authkey-csr" server knowing the TPM key of the sandbox's serial."""
     srv = EnrollServer(ca, protocols=("tpm2-authkey-csr",)).start()
-    srv.tpm.register("SN-TEST-1", tpm_key[0])
+    srv.protocol("tpm2-authkey-csr").register("SN-TEST-1", tpm_key[0])
     yield srv
     srv.stop()

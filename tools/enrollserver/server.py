@@ -16,7 +16,6 @@ from cryptography.hazmat.primitives import serialization
 from .faults import serve_transport_fault
 from .protocols import PROTOCOLS, Enrollment, ServerError, bad_request, require
 from .threaded import BackgroundServer
-from .tpm import TpmSettings
 
 ACK_STATUSES = ("saved", "error", "unknown")
 ALT_SERIALS = ("user", "board", "system", "chassis")
@@ -50,7 +49,7 @@ class EnrollServer(BackgroundServer):
 
     Knobs for tests: `extra_services` (added to "enrolledServices"), `bad_certificate` (the
     certificate is for another key), `omit_services` (no "enrolledServices"),
-    `omit_aws_iot` (no "aws-iot" in it), `tpm` (TPM keys and knobs, see tpm.py), `inject()`
+    `omit_aws_iot` (no "aws-iot" in it), `inject()`
     and `expire()`."""
 
     def __init__(self, ca, host="127.0.0.1", port=0, tls=False, base_path="/enroll",
@@ -63,7 +62,6 @@ class EnrollServer(BackgroundServer):
         self.bad_certificate = False
         self.omit_services = False
         self.omit_aws_iot = False
-        self.tpm = TpmSettings()  # device TPM keys and "tpm2-authkey-csr" knobs
         self.acknowledgements = []  # (device, acknowledgedServices) per "/acknowledge"
         self.sent_services = []  # every "enrolledServices" object sent
         self.issued_certificates = []
