@@ -16,6 +16,8 @@ import sys
 import tempfile
 from pathlib import Path
 
+import childproc
+
 DBUS_POLICY = (Path(__file__).resolve().parents[1] / "data" / "dbus"
                / "com.corvanta.ZelPlayer.Enroller1.conf")
 # The default policy of a Debian system bus, cut down to what matters here: anyone may
@@ -102,13 +104,7 @@ class Bus:
         return self
 
     def stop(self):
-        if self.proc and self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        childproc.stop(self.proc)
         if self.proc and self.proc.stdout:
             self.proc.stdout.close()
 

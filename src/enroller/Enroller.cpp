@@ -42,6 +42,8 @@ Enroller::~Enroller() {
     if (networkHandler)
         g_signal_handler_disconnect(g_network_monitor_get_default(), networkHandler);
     cancel_retry_timeout();
+    if (releaseSource)
+        g_source_remove(releaseSource);
     enrolledCallback = nullptr;
     close_rpmb();
     if (tpm2)

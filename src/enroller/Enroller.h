@@ -84,7 +84,8 @@ class Enroller {
     void req_restarted_cb(SoupMessage* msg);
     void req_redirect_cb(SoupMessage* msg);
     void complete_acknowledge(SoupMessage* msg);
-    void handle_body(SoupMessage* msg);
+    int release_resources();
+    void handle_body(SoupMessage* msg, const char* caller);
 
     // state machine
     void initiate();
@@ -132,6 +133,7 @@ class Enroller {
     std::string publicKeyPem;
     bool serviceSaved = false;
     guint retrySource = 0;
+    guint releaseSource = 0;  // idle source of release_resources()
     gulong networkHandler = 0;
     std::function<void()> enrolledCallback;
     gint64 requestStart = 0;

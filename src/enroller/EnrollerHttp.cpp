@@ -1,5 +1,7 @@
 #include "Enroller.h"
 
+#include <malloc.h>
+
 #include "ClassCallback.h"
 #include "EnrollerMessages.h"
 #include "JsonObjectInput.h"
@@ -25,6 +27,25 @@ const char* request_path(Enroller::Request kind) {
     return nullptr;
 }
 
+// A redirect may stay on http or https, or go from http to https; never from https back
+// to plain http, and never to another scheme.
+bool redirect_target_allowed(SoupMessage* msg) {
+    const char* location = soup_message_headers_get_one(msg->response_headers, "Location");
+    if (!location)
+        return false;
+    SoupURI* uri = soup_message_get_uri(msg);
+    const GCharPtr base(soup_uri_to_string(uri, FALSE));
+    const GCharPtr target(g_uri_resolve_relative(base.get(), location, G_URI_FLAGS_NONE, nullptr));
+    if (!target)
+        return false;
+    const GCharPtr scheme(g_uri_parse_scheme(target.get()));
+    if (!scheme)
+        return false;
+    if (g_ascii_strcasecmp(scheme.get(), "https") == 0)
+        return true;
+    return g_ascii_strcasecmp(scheme.get(), "http") == 0 && uri->scheme == SOUP_URI_SCHEME_HTTP;
+}
+
 }  // namespace
 
 void Enroller::send_request(Request kind, const std::string& body) {
@@ -38,8 +59,23 @@ void Enroller::send_request(Request kind, const std::string& body) {
         g_warning("invalid enroll URL '%s'", url.c_str());
         return;
     }
-    // POST requests are not redirected by the session itself; 307 and 308 keep the
-    // method and body, so follow them explicitly
+    // Only 307 and 308 keep the method and body: follow those explicitly. The session's own
+    // handling would turn a POST answered 301, 302 or 303 into a GET, and a "/acknowledge"
+    // delivered as GET would record an enrollment the server never confirmed; such answers
+    // must reach the completion callback as they are.
+    //
+    // Marked idempotent, the POSTs of one enrollment share one kept-alive connection: one
+    // TCP (and TLS) handshake instead of three. The mark only lets the session pick an idle
+    // connection; it re-sends on its own only requests of idempotent methods, never these.
+    // A request whose kept-alive connection the server closed meanwhile fails like any
+    // transport failure and the retry timer starts over. Were one re-sent anyway, that would
+    // be harmless: a second "/initiate" starts a fresh enrollment; a second "/CSRVerify" has
+    // the same CSR signed again, and the certificate is checked against the device key
+    // before it is stored; a second "/acknowledge" carries the same statuses, and a server
+    // that already closed the enrollment answers it as expired, which restarts enrolling
+    // but never records an enrollment the server did not confirm.
+    soup_message_set_flags(
+        msg, static_cast<SoupMessageFlags>(SOUP_MESSAGE_NO_REDIRECT | SOUP_MESSAGE_IDEMPOTENT));
     for (guint code : {307u, 308u}) {
         soup_message_add_status_code_handler(
             msg, "got-body", code,
@@ -82,7 +118,7 @@ void Enroller::req_redirect_cb(SoupMessage* msg) {
         return;
     }
     g_debug("got a redirect with status code %i, following", code);
-    if (!soup_session_redirect_message(session, msg))
+    if (!redirect_target_allowed(msg) || !soup_session_redirect_message(session, msg))
         g_warning("got malformed HTTP redirect with status code %i", code);
 }
 
@@ -108,7 +144,7 @@ void Enroller::req_response_cb(SoupSession*, SoupMessage* msg) {
     } else {
         g_warning("request returned error %i: %s", code, msg->reason_phrase);
     }
-    handle_body(msg);
+    handle_body(msg, G_STRFUNC);
 }
 
 void Enroller::complete_acknowledge(SoupMessage* msg) {
@@ -130,9 +166,22 @@ void Enroller::complete_acknowledge(SoupMessage* msg) {
     if (enrolledCallback)
         enrolledCallback();
     cancel_retry_timeout();
+    // once this message is done with, an enrolled daemon keeps nothing it no longer needs
+    if (!releaseSource)
+        releaseSource = g_idle_add(class_callback<Enroller, &Enroller::release_resources>, this);
 }
 
-void Enroller::handle_body(SoupMessage* msg) {
+int Enroller::release_resources() {
+    releaseSource = 0;
+    // Closes the kept-alive connection; a request queued meanwhile keeps it.
+    if (request == REQUEST_NONE)
+        soup_session_abort(session);
+    malloc_trim(0);
+    return G_SOURCE_REMOVE;
+}
+
+// `caller` names the completion callback in the report of an impossible status.
+void Enroller::handle_body(SoupMessage* msg, const char* caller) {
     const char* type = soup_message_headers_get_content_type(msg->response_headers, nullptr);
     if (!type || msg->response_body->length == 0) {
         g_warning("response has no content-type or no body");
@@ -164,8 +213,13 @@ void Enroller::handle_body(SoupMessage* msg) {
         return;
     }
 
-    g_return_if_fail(SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) ||
-                     SOUP_STATUS_IS_SERVER_ERROR(msg->status_code));
+    if (!SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) &&
+        !SOUP_STATUS_IS_SERVER_ERROR(msg->status_code)) {
+        g_return_if_fail_warning(G_LOG_DOMAIN, caller,
+                                 "SOUP_STATUS_IS_CLIENT_ERROR(msg->status_code) || "
+                                 "SOUP_STATUS_IS_SERVER_ERROR(msg->status_code)");
+        return;
+    }
     ErrorResponse err;
     *json >> err;
     log(err);

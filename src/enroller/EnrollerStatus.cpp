@@ -1,7 +1,9 @@
 #include "EnrollerStatus.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <json-glib/json-glib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -10,6 +12,7 @@
 
 #include "EnrollerMessages.h"
 #include "GLibPtr.h"
+#include "ScopedFd.h"
 #include "SysUtils.h"
 
 namespace {
@@ -24,6 +27,33 @@ void read_tstamp_member(JsonObjectInput& in, const char* name, int64_t* tstamp) 
     std::string text;
     if (in.readMember(name, &text, false))
         *tstamp = iso8601_to_unix_time(text.c_str());
+}
+
+// A rename is durable only once its directory is on disk as well.
+void fsync_directory_of(const std::string& path) {
+    const GCharPtr dir(g_path_get_dirname(path.c_str()));
+    const ScopedFd fd(open(dir.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd)
+        fsync(fd.get());
+}
+
+// Keeps an unusable status file beside it as "<path>.bad", replacing an older one, so that
+// the enrolled state and RPMB history it may hold can be recovered by hand after the next
+// save has replaced it. A file that cannot even be read is moved there instead.
+void keep_bad_status_file(const std::string& path) {
+    const std::string bad = path + ".bad";
+    gchar* raw = nullptr;
+    gsize length = 0;
+    bool kept;
+    if (g_file_get_contents(path.c_str(), &raw, &length, nullptr)) {
+        const GCharPtr contents(raw);
+        kept =
+            g_file_set_contents(bad.c_str(), contents.get(), static_cast<gssize>(length), nullptr);
+    } else {
+        kept = rename(path.c_str(), bad.c_str()) == 0;
+    }
+    if (kept)
+        g_warning("keeping unreadable enroller status file %s as %s", path.c_str(), bad.c_str());
 }
 
 }  // namespace
@@ -81,6 +111,7 @@ bool EnrollerStatus::load(bool isEnabled) {
                       parse_error);
         else
             g_warning("enroller status file %s is empty", path.c_str());
+        keep_bad_status_file(path);
     });
     if (!in)
         return false;
@@ -124,6 +155,7 @@ bool EnrollerStatus::save() const {
         g_warning("failed saving new enroller status to file %s", path.c_str());
         return true;
     }
+    fsync_directory_of(path);
     remove(tmpPath.c_str());
     g_debug("saved enroller status to %s", path.c_str());
     return false;

@@ -2,8 +2,9 @@
 
 import pytest
 
-import tpmtest
-import zeltest
+import zeltest  # first: puts tools/ on the module path
+import tpmsim
+from enrollserver import EnrollServer, TestCA
 
 
 def pytest_configure(config):
@@ -26,8 +27,7 @@ def daemon_binary():
 
 @pytest.fixture(autouse=True)
 def buses(monkeypatch):
-    """Private system and session buses for every test; the daemon and every client the
-    test starts find them through the environment, never the machine's own buses."""
+    """Private system and session buses for every test, found through the environment."""
     for name in ("DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"):
         monkeypatch.delenv(name, raising=False)
     started = zeltest.Buses().start()
@@ -39,7 +39,6 @@ def buses(monkeypatch):
 
 @pytest.fixture
 def sandbox():
-    """A Sandbox owned by the current user."""
     box = zeltest.Sandbox()
     yield box
     box.cleanup()
@@ -55,8 +54,7 @@ def nobody_sandbox():
 
 @pytest.fixture
 def start_daemon():
-    """start_daemon(args, daemonize=False, env=None, mounts=None, pid_dir=None): a started
-    zeltest.Daemon. Every daemon started through it is stopped at the end of the test."""
+    """start_daemon(args, **Daemon options): a started zeltest.Daemon, cleaned up after."""
     daemons = []
 
     def start(args, **kwargs):
@@ -71,8 +69,7 @@ def start_daemon():
 
 @pytest.fixture
 def identity(sandbox):
-    """identity(identifiers=None, cpuinfo=..., os_release=...): zeltest.IdentityFiles in
-    the sandbox; pass its `mounts` to start_daemon (tests marked root)."""
+    """identity(**IdentityFiles options): files whose `mounts` go to start_daemon (root)."""
     made = []
 
     def make(**kwargs):
@@ -102,19 +99,13 @@ def helpers():
 @pytest.fixture(scope="session")
 def ca(tmp_path_factory):
     """The test CA of the reference server, shared by all tests."""
-    from enrollserver import TestCA
     return TestCA(tmp_path_factory.mktemp("ca"))
-
-
-def _enroll_server(ca, **kwargs):
-    from enrollserver import EnrollServer
-    return EnrollServer(ca, **kwargs).start()
 
 
 @pytest.fixture
 def server(ca):
     """A reference enrollment server on loopback (plain HTTP)."""
-    srv = _enroll_server(ca)
+    srv = EnrollServer(ca).start()
     yield srv
     srv.stop()
 
@@ -122,20 +113,19 @@ def server(ca):
 @pytest.fixture
 def second_server(ca):
     """Another one, on its own port and base path."""
-    srv = _enroll_server(ca, base_path="/v2/enroll")
+    srv = EnrollServer(ca, base_path="/v2/enroll").start()
     yield srv
     srv.stop()
 
 
 @pytest.fixture
 def swtpm():
-    """A started TPM simulator (tpmtest.Swtpm) in the test's own network namespace, which
-    the test's thread, the servers it makes and the processes it starts share (root only).
-    Request it before the servers so that they live in the namespace too."""
+    """A started tpmsim.Swtpm in the test's own network namespace (root only); request it
+    before the servers so that they live in the namespace too."""
     if not zeltest.is_root():
         pytest.skip("needs root (network namespace for the simulator's fixed port)")
-    netns = tpmtest.NetNamespace()
-    tpm = tpmtest.Swtpm()
+    netns = tpmsim.NetNamespace()
+    tpm = tpmsim.Swtpm()
     try:
         yield tpm.start()
     finally:
@@ -145,16 +135,14 @@ def swtpm():
 
 @pytest.fixture
 def tpm_key(swtpm):
-    """(PEM public key, TPM name) of the authentication key the daemon will have, derived
-    with tpm2-tools as a factory would."""
+    """(PEM public key, TPM name) of the daemon's future key, derived as a factory would."""
     return swtpm.provision_public_key()
 
 
 @pytest.fixture
 def tpm_server(ca, swtpm, tpm_key):
-    """A reference server speaking "tpm2-authkey-csr" in the simulator's namespace, with
-    the TPM key registered for the sandbox's default serial."""
-    srv = _enroll_server(ca, protocols=("tpm2-authkey-csr",))
-    srv.tpm.register("SN-TEST-1", tpm_key[0])
+    """A "tpm2-authkey-csr" server knowing the TPM key of the sandbox's serial."""
+    srv = EnrollServer(ca, protocols=("tpm2-authkey-csr",)).start()
+    srv.protocol("tpm2-authkey-csr").register("SN-TEST-1", tpm_key[0])
     yield srv
     srv.stop()

@@ -22,35 +22,29 @@ def refused(start_daemon, args, message, **kwargs):
     return daemon
 
 
-def test_base_url_option_wins_over_branding(sandbox, start_daemon):
-    daemon = start_and_stop(start_daemon, sandbox.args(base_url="http://127.0.0.1:9/api///"))
-    assert daemon.has_message("using non-default enroll base URL 'http://127.0.0.1:9/api///'")
-    assert "using default" not in daemon.output()
+@pytest.mark.parametrize("option,branded,message", [
+    ("http://127.0.0.1:9/api///", "x", "using non-default enroll base URL "
+     "'http://127.0.0.1:9/api///'"),
+    (False, "http://127.0.0.1:9/root//", "using default enroll base URL "
+     "'http://127.0.0.1:9/root//'"),
+    (False, "", "using default enroll base URL ''"),  # not refused at start
+])
+def test_base_url_option_wins_over_branding(sandbox, start_daemon, option, branded, message):
+    branding = sandbox.write_branding("b.json", enrollRootUrl=branded)
+    daemon = start_and_stop(start_daemon, sandbox.args(base_url=option, branding=branding))
+    assert daemon.has_message(message) and daemon.output().count("using ") == 1
 
 
-def test_base_url_defaults_to_branding(sandbox, start_daemon):
-    branding = sandbox.write_branding("b.json", enrollRootUrl="http://127.0.0.1:9/root//")
-    daemon = start_and_stop(start_daemon, sandbox.args(base_url=False, branding=branding))
-    assert daemon.has_message("using default enroll base URL 'http://127.0.0.1:9/root//'")
-
-    # An empty one is not refused at start.
-    empty = sandbox.write_branding("empty-url.json", enrollRootUrl="")
-    daemon = start_and_stop(start_daemon, sandbox.args(base_url=False, branding=empty))
-    assert daemon.has_message("using default enroll base URL ''")
-
-
-@pytest.mark.parametrize("contents", ["", "{}", "[1, 2]", "{not json",
+@pytest.mark.parametrize("contents", [None, "", "{}", "[1, 2]", "{not json",
                                       '{"brand": "B", "model": "M", "enrollRootUrl": "x"}'],
-                         ids=["empty", "empty-object", "array", "broken", "no-protocols"])
+                         ids=["missing", "empty", "empty-object", "array", "broken",
+                              "no-protocols"])
 def test_invalid_branding_stops_start_up(sandbox, start_daemon, contents):
-    branding = sandbox.write_branding("bad.json", contents=contents)
+    branding = sandbox.root / "none.json"
+    if contents is not None:
+        branding = sandbox.write_branding("bad.json", contents=contents)
     daemon = refused(start_daemon, sandbox.args(branding=branding), "branding file is invalid")
     assert "using " not in daemon.output()
-
-
-def test_missing_branding_file_stops_start_up(sandbox, start_daemon):
-    refused(start_daemon, sandbox.args(branding=sandbox.root / "none.json"),
-            "branding file is invalid")
 
 
 @pytest.mark.parametrize("args,message", [

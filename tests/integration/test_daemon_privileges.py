@@ -9,28 +9,20 @@ from zeltest import message_re
 pytestmark = pytest.mark.root
 
 
-def test_runs_as_the_user_with_only_cap_sys_rawio_permitted(nobody_sandbox, start_daemon):
-    nobody = pwd.getpwnam("nobody")
-    daemon = start_daemon(nobody_sandbox.args("--debug", user="nobody"))
+@pytest.mark.parametrize("user", ["nobody", None])
+def test_runs_as_the_user_with_only_cap_sys_rawio_permitted(sandbox, nobody_sandbox,
+                                                            start_daemon, user):
+    box = nobody_sandbox if user else sandbox
+    daemon = start_daemon(box.args("--debug", user=user))
     daemon.wait_ready()
-    daemon.wait_for_log(message_re("switched to user 'nobody' and its groups"))
+    uid, gid = (pwd.getpwnam(user)[2:4]) if user else (0, 0)
+    if user:
+        daemon.wait_for_log(message_re(f"switched to user '{user}' and its groups"))
     status = daemon.status()
-    assert status["Uid"].split() == [str(nobody.pw_uid)] * 4
-    assert status["Gid"].split() == [str(nobody.pw_gid)] * 4
+    assert status["Uid"].split() == [str(uid)] * 4
+    assert status["Gid"].split() == [str(gid)] * 4
     assert status["CapPrm"] == "0000000000020000"  # CAP_SYS_RAWIO only
-    assert status["CapEff"] == "0000000000000000"
-    assert status["CapInh"] == "0000000000000000"
-    assert status["CapAmb"] == "0000000000000000"
-    assert daemon.stop() == 0
-
-
-def test_without_user_switch_root_keeps_only_cap_sys_rawio(sandbox, start_daemon):
-    daemon = start_daemon(sandbox.args())
-    daemon.wait_ready()
-    status = daemon.status()
-    assert status["Uid"].split()[0] == "0"
-    assert (status["CapPrm"], status["CapEff"], status["CapInh"]) == (
-        "0000000000020000", "0000000000000000", "0000000000000000")
+    assert status["CapEff"] == status["CapInh"] == status["CapAmb"] == "0000000000000000"
     assert daemon.stop() == 0
 
 

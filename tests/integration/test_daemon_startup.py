@@ -100,20 +100,14 @@ def test_bad_options_stop_before_anything_else(sandbox, args, message, daemon_mo
     assert re.search(r"^\*\* Message: [0-9:.]+: " + message + "$", lines[0]), out
 
 
-def test_option_checks_come_in_order(sandbox):
-    code, out = run(sandbox.args("--dump-http=9", f"--key={sandbox.root}", "--retry=-1",
-                                 "--timeout=-1", "--no-daemon"))
-    assert code == 1
-    assert out.strip().endswith("invalid level 9 for HTTP dumping"), out
-
-    code, out = run(sandbox.args(f"--key={sandbox.root}", "--retry=-1", "--no-daemon"))
-    assert code == 1
-    assert out.strip().endswith(
-        f"key file '{sandbox.root}' does not exist or is not a file"), out
-
-    code, out = run(sandbox.args("--retry=-1", "--timeout=-1", "--no-daemon"))
-    assert code == 1
-    assert out.strip().endswith("invalid retry timeout value -1"), out
+@pytest.mark.parametrize("args,last", [
+    (["--dump-http=9", "--key={root}", "--retry=-1", "--timeout=-1"],
+     "invalid level 9 for HTTP dumping"),
+    (["--key={root}", "--retry=-1"], "key file '{root}' does not exist or is not a file"),
+    (["--retry=-1", "--timeout=-1"], "invalid retry timeout value -1")])
+def test_option_checks_come_in_order(sandbox, args, last):
+    code, out = run(sandbox.args(*(a.format(root=sandbox.root) for a in args), "--no-daemon"))
+    assert code == 1 and out.strip().endswith(last.format(root=sandbox.root)), out
 
 
 def test_edge_values_are_accepted(sandbox, start_daemon):

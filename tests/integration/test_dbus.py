@@ -1,16 +1,13 @@
 """The daemon's D-Bus object, its NetworkManager watch and the system bus policy, on the
 private buses of the `buses` fixture."""
 
-import json
 import re
 import time
 
 import pytest
-from enrollserver.faults import Fault
 from zeltest import (DBUS_NAME, DBUS_PATH, enroller_call, enroller_property, gdbus, message_re,
                      wait_until)
 
-DONE = "enrollment completed successfully"
 NM_NAME = "org.freedesktop.NetworkManager"
 NM_PATH = "/org/freedesktop/NetworkManager"
 FIRST_ATTEMPT_FAILED = r"WARNING \*\*: [0-9:.]+: failed to connect \(4\)"
@@ -61,39 +58,6 @@ def network_manager(helpers):
         assert done.returncode == 0, done.stderr
 
     return emit
-
-
-def test_enrolled_property_signal_and_trigger(sandbox, start_daemon, server, helpers):
-    monitor = helpers(["gdbus", "monitor", "--system", "--dest", DBUS_NAME])
-    # The first attempt fails, so that the state before enrolling can be read.
-    server.inject("/initiate", Fault.error(500, "InternalServerError"))
-    daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
-    daemon.wait_for_log(r"WARNING \*\*: .*InternalServerError")
-    assert enroller_property("enrolled") == "false"
-
-    daemon.wait_for_message(DONE, timeout=15)
-    assert enroller_property("enrolled") == "true"
-    signal_re = re.escape(f"{DBUS_PATH}: {DBUS_NAME}.enrolled ('aws-iot',)")
-    assert monitor.log.wait_for(signal_re, 5)
-
-    # A trigger re-enrolls the enrolled device, and each enrollment signals once.
-    assert enroller_call("trigger").stdout.strip() == "(true,)"
-    assert "forcedEnrollTStamp" in json.loads(sandbox.status_file.read_text())
-    daemon.wait_for_message("received trigger call, enrolled status reset and scheduled a retry")
-    server.wait_for_request("/initiate", count=3)
-    assert wait_until(lambda: monitor.log.count(signal_re) == 2, 15), monitor.log.text()
-    assert enroller_property("enrolled") == "true"
-    time.sleep(0.5)
-    assert monitor.log.count(signal_re) == 2
-
-
-def test_trigger_is_refused_while_a_request_is_in_flight(sandbox, start_daemon, server):
-    server.inject("/initiate", Fault.delay(3))
-    daemon = start_daemon(sandbox.args(base_url=server.url))
-    server.wait_for_request("/initiate")
-    assert enroller_call("trigger").stdout.strip() == "(false,)"
-    daemon.wait_for_message("received trigger call but enrollment is ongoing")
-    assert "forcedEnrollTStamp" not in json.loads(sandbox.status_file.read_text())
 
 
 @pytest.mark.parametrize("flag,disabled", [("--disable", "true"), ("--enable", "false")])

@@ -154,17 +154,11 @@ def test_unsaved_service_is_acknowledged_as_error(sandbox, start_daemon, server,
     assert status(sandbox)["enrolled"] is False
 
 
-def test_trailing_slashes_of_base_url_are_dropped(sandbox, start_daemon, server):
+def test_unreadable_key_and_trailing_slashes_of_base_url(sandbox, start_daemon, server):
+    sandbox.key.write_text("not a key\n")
     daemon = start_daemon(sandbox.args("--retry=0", base_url=server.url + "///"))
     server.wait_for_request("initiate")
     assert server.requests[0].path == "/enroll/initiate"
-    daemon.stop()
-
-
-def test_missing_key_leaves_public_key_out(sandbox, start_daemon, server):
-    sandbox.key.write_text("not a key\n")
-    daemon = start_daemon(sandbox.args("--retry=0", base_url=server.url))
-    server.wait_for_request("/initiate")
     assert "publicKey" not in server.requests[0].json
     daemon.wait_for_log(re.escape(f"failed to read key from '{sandbox.key}': "))
     daemon.wait_for_log("failed to create CSR: ")

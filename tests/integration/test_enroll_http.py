@@ -2,6 +2,7 @@
 types, error objects, broken connections, unexpected responses, and the retry timing."""
 
 import re
+import subprocess
 import time
 
 import pytest
@@ -142,3 +143,12 @@ def test_retry_backoff(sandbox, start_daemon, server):
     # latency of the HTTP requests does not count.
     for (armed, _, delay), (fired, _, _) in zip(announced, announced[1:]):
         assert delay - 0.3 <= fired - armed <= delay + 1.2
+
+
+def test_one_connection_closed_once_enrolled(sandbox, start_daemon, server):
+    daemon = start(sandbox, start_daemon, server, "--retry=0")
+    daemon.wait_for_message(DONE, timeout=15)
+    assert len({r.client for r in server.requests}) == 1
+    time.sleep(0.5)
+    sockets = subprocess.run(["ss", "-Htnp"], capture_output=True, text=True).stdout
+    assert f"pid={daemon.pid}," not in sockets

@@ -1,5 +1,4 @@
-""""emmc-rpmb-csr" enrollments of the real daemon against the reference server, on an RPMB
-simulated in files by rpmbsim and, as root, on a device node served by the ioctl shim."""
+""""emmc-rpmb-csr" enrollments on a simulated RPMB and, as root, on the shim's device node."""
 
 import base64
 import json
@@ -8,36 +7,27 @@ import re
 import shutil
 import stat
 import struct
-import subprocess
 import time
 from datetime import datetime, timedelta, timezone
 
 import pytest
 
 import zeltest
-from enrollserver import Fault
+from enrollserver import EnrollServer, Fault
 from enrollserver.rpmb import b64, rpmb_mac
+from rpmbframes import KEY, SHIM, make_simulator
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
-KEY = bytes(range(0x40, 0x60))
 DEVID = b"ZEL-DEVICE-ID:SN-RPMB-1".ljust(256, b"\0")
-RPMBSIM = zeltest.BUILD_DIR / "tools" / "rpmbsim"
-SHIM = zeltest.BUILD_DIR / "tests" / "shim" / "libmmc_shim.so"
 PATHS = ["/enroll/initiate", "/enroll/dataAuthenticate", "/enroll/dataVerify",
          "/enroll/acknowledge"]
 
 
 class Rpmb:
-    """A simulated RPMB made by rpmbsim with KEY, block 0 holding DEVID."""
 
     def __init__(self, root):
-        self.base = root / "rpmb"
-        (root / "rpmb-key").write_bytes(KEY)
-        subprocess.run([RPMBSIM, "create", self.base, "1", "--key-file", root / "rpmb-key"],
-                       check=True, capture_output=True, timeout=10)
-        with open(f"{self.base}.data", "r+b") as f:
-            f.write(DEVID)
+        self.base = make_simulator(root, DEVID + bytes(511 * 256))
         self.wrctr = root / "rpmb.wrctr"
 
     counter = property(lambda self: struct.unpack(">I", self.wrctr.read_bytes())[0],
@@ -54,7 +44,6 @@ def rpmb(sandbox):
 
 @pytest.fixture
 def rpmb_server(ca):
-    from enrollserver import EnrollServer
     srv = EnrollServer(ca, protocols=(PROTO,)).start()
     proto = srv.protocol(PROTO)
     proto.keys["SN-TEST-1"] = KEY
@@ -82,8 +71,7 @@ def status(sandbox):
 
 @pytest.mark.parametrize("stored, device", [(0, 0), (3, 7), (499, 499)])
 def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, device):
-    """The counter the device reports is adopted and saved before "/dataAuthenticate"; the
-    one authorised write lands in block 1, counts once and is recorded with its time."""
+    """The device's counter is saved before "/dataAuthenticate"; the write counts once."""
     write_status(sandbox, stored)
     rpmb.counter = device
     rpmb_server.inject("/dataAuthenticate", Fault.delay(0.5))
@@ -174,8 +162,7 @@ REFUSALS = [("bad_mac", WRITE_REFUSED), ("stale_counter", WRITE_REFUSED),
 @pytest.mark.parametrize("fault, warning", REFUSALS)
 def test_refused_rpmb_proof_starts_over(sandbox, start_daemon, rpmb_server, rpmb, fault,
                                         warning):
-    """A proof that fails sends no "/dataVerify" and writes nothing; the next attempt
-    starts over from "/initiate" and completes."""
+    """No "/dataVerify" and no write; the next attempt starts over and completes."""
     rpmb_server.protocol(PROTO).faults = [fault]
     daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
     daemon.wait_for_log(re.escape(warning), timeout=10)
@@ -208,8 +195,7 @@ def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_serv
 
 @pytest.mark.root
 def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
-    """On a device node, through the MMC multi-command ioctl, as the unprivileged user with
-    CAP_SYS_RAWIO raised only around each ioctl."""
+    """Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl."""
     box = nobody_sandbox
     rpmb = Rpmb(box.root)
     node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"

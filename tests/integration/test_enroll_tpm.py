@@ -8,7 +8,7 @@ import re
 
 import pytest
 
-import tpmtest
+import tpmsim
 
 DONE = "enrollment completed successfully"
 PROTO = "--protocol=tpm2-authkey-csr"
@@ -16,7 +16,7 @@ PROTO = "--protocol=tpm2-authkey-csr"
 
 def start(sandbox, start_daemon, server, *extra):
     return start_daemon(sandbox.args(PROTO, "--retry=1", *extra, base_url=server.url),
-                        env=tpmtest.default_tcti_env(sandbox.root))
+                        env=tpmsim.default_tcti_env(sandbox.root))
 
 
 def paths(server):
@@ -25,12 +25,12 @@ def paths(server):
 
 def assert_no_tpm_leaks(swtpm):
     assert swtpm.handles("transient") == []
-    assert swtpm.handles("persistent") == [tpmtest.AUTHKEY_HANDLE]
+    assert swtpm.handles("persistent") == [tpmsim.AUTHKEY_HANDLE]
 
 
 @pytest.mark.parametrize("padding", [("rsaes", None), ("oaep", "sha1"), ("oaep", "sha256")])
 def test_tpm_enrollment(sandbox, start_daemon, swtpm, tpm_key, tpm_server, padding):
-    tpm_server.tpm.padding = padding
+    tpm_server.protocol("tpm2-authkey-csr").padding = padding
     daemon = start(sandbox, start_daemon, tpm_server)
     daemon.wait_for_message(DONE, timeout=20)
     assert paths(tpm_server) == ["initiate", "CSRVerify", "acknowledge"]
@@ -39,7 +39,7 @@ def test_tpm_enrollment(sandbox, start_daemon, swtpm, tpm_key, tpm_server, paddi
     # The proof: HMAC-SHA256 keyed by the ephemeral key over the CSR, its NUL and the nonce.
     body = tpm_server.requests[1].json
     assert list(body) == ["cbData", "CSR", "hmac"]
-    _, key, nonce = tpm_server.tpm.issued[-1]
+    _, key, nonce = tpm_server.protocol("tpm2-authkey-csr").issued[-1]
     expected = hmac.new(key, body["CSR"].encode() + b"\0" + nonce, hashlib.sha256).digest()
     assert base64.b64decode(body["hmac"]) == expected
 
@@ -58,7 +58,7 @@ def test_tpm_enrollment(sandbox, start_daemon, swtpm, tpm_key, tpm_server, paddi
     ("other_key", True, ["failed decrypting ephemeral key in CSRAuthRequired enroll response"]),
 ])
 def test_tpm_proof_refused(sandbox, start_daemon, swtpm, tpm_server, knob, value, warnings):
-    setattr(tpm_server.tpm, knob, value)
+    setattr(tpm_server.protocol("tpm2-authkey-csr"), knob, value)
     daemon = start(sandbox, start_daemon, tpm_server)
     for text in warnings:
         daemon.wait_for_message(text, timeout=10)
@@ -69,7 +69,7 @@ def test_tpm_proof_refused(sandbox, start_daemon, swtpm, tpm_server, knob, value
 
 
 def test_server_refuses_hmac_without_nul(sandbox, start_daemon, swtpm, tpm_server):
-    tpm_server.tpm.wrong_hmac = True
+    tpm_server.protocol("tpm2-authkey-csr").wrong_hmac = True
     daemon = start(sandbox, start_daemon, tpm_server)
     tpm_server.wait_for_request("/initiate", count=2)
     assert "acknowledge" not in paths(tpm_server) and "CSRVerify" in paths(tpm_server)
@@ -77,7 +77,7 @@ def test_server_refuses_hmac_without_nul(sandbox, start_daemon, swtpm, tpm_serve
 
 
 def test_no_tpm_then_simulator(sandbox, start_daemon, swtpm, tpm_server):
-    if tpmtest.real_tpm_present():
+    if tpmsim.real_tpm_present():
         pytest.skip("a TPM device of this machine would answer instead")
     swtpm.stop()
     daemon = start(sandbox, start_daemon, tpm_server)

@@ -94,9 +94,7 @@ def test_users_and_directories(usr, tmp_path):
 
 def test_bus_policy_is_the_tested_one(usr):
     policy = usr / "share/dbus-1/system.d/com.corvanta.ZelPlayer.Enroller1.conf"
-    assert policy.read_bytes() == DBUS_POLICY.read_bytes()
-    done = run(["xmllint", "--noout", policy])
-    assert done.returncode == 0 and not done.stderr, done.stderr
+    assert policy.read_bytes() == DBUS_POLICY.read_bytes()  # loaded by every test's bus
 
 
 @pytest.mark.parametrize("page", MAN_PAGES)

@@ -27,6 +27,7 @@ TOOLS_DIR = SOURCE_DIR / "tools"
 if str(TOOLS_DIR) not in sys.path:
     sys.path.insert(0, str(TOOLS_DIR))  # makes `import enrollserver` work
 
+import childproc  # noqa: E402
 from privatebus import Buses  # noqa: E402
 
 DAEMON = BUILD_DIR / "src" / "zelenrolld"
@@ -41,7 +42,6 @@ SIGNAL_BITS = (1 << (signal.SIGINT - 1)) | (1 << (signal.SIGTERM - 1))
 
 def is_root():
     return os.geteuid() == 0
-
 
 
 def free_port(host="127.0.0.1"):
@@ -90,12 +90,22 @@ def wait_until(predicate, timeout, interval=0.02):
 
 def namespace_command(command, mounts):
     """`command` run in a private mount namespace with `mounts` ({target: source}) bound
-    over the real paths; the final exec keeps the PID of the started process."""
+    over the real paths; a source ("ro", path) binds read-only, ("full-tmpfs", size) mounts
+    a tmpfs of that size filled up. The final exec keeps the PID of the started process."""
     if not mounts:
         return list(command)
     script = ["set -e"]
     for target, source in mounts.items():
-        script.append(f"mount --bind {shlex.quote(str(source))} {shlex.quote(str(target))}")
+        target = shlex.quote(str(target))
+        if isinstance(source, tuple):  # ("ro", path) or ("full-tmpfs", size)
+            kind, arg = source
+            if kind == "ro":
+                script.append(f"mount --bind -o ro {shlex.quote(str(arg))} {target}")
+            else:
+                script.append(f"mount -t tmpfs -o size={arg} tmpfs {target}")
+                script.append(f"cat /dev/zero >{target}/.filler 2>/dev/null || true")
+        else:
+            script.append(f"mount --bind {shlex.quote(str(source))} {target}")
     script.append("exec " + " ".join(shlex.quote(str(arg)) for arg in command))
     return ["unshare", "--mount", "--propagation", "private", "/bin/sh", "-c", "\n".join(script)]
 
@@ -488,12 +498,6 @@ class Process:
         self.log.close()
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        childproc.stop(self.proc)
         self._reader.join(2)
         self.proc.stdout.close()

@@ -28,13 +28,6 @@ const char* const kInvalid = "ignoring invalid data in branding file: ";
 
 }  // namespace
 
-TEST_F(BrandingInfoTest, EnabledByDefaultIsOptionalAndOffWhenAbsent) {
-    info.enabledByDefault = true;
-    EXPECT_EQ(load(R"({"brand":"B","model":"M","enrollProtocols":[],"enrollRootUrl":""})"), 1)
-        << log.dump();
-    EXPECT_FALSE(info.enabledByDefault);
-}
-
 TEST_F(BrandingInfoTest, InvalidFilesFailWithAWarning) {
     EXPECT_EQ(load("{}"), 0);
     EXPECT_TRUE(warned(kInvalid + std::string("missing member 'brand'"))) << log.dump();

@@ -33,18 +33,3 @@ TEST_F(DeviceIdentityTest, IdentifiersAreShellValuesOfExactlyTheKey) {
         log.loggedPrefix(G_LOG_LEVEL_CRITICAL, "error unquoting value in identifiers file: "))
         << log.dump();
 }
-
-TEST_F(DeviceIdentityTest, SerialFromCpuinfoElseFromIdentifiers) {
-    const std::string ids = tmp.write("identifiers", "ZEL_SN=from-identifiers\n");
-    const std::string cpuinfo = tmp.write("cpuinfo", "cpu : 0\nSerial\t\t: 00000000abcdef12\n");
-    EXPECT_EQ(read_serial_nr_from(cpuinfo.c_str(), ids.c_str()), "00000000abcdef12");
-    const std::string no_serial = tmp.write("cpuinfo", "cpu : 0\nSerial\t\t: \n");
-    EXPECT_EQ(read_serial_nr_from(no_serial.c_str(), ids.c_str()), "from-identifiers");
-}
-
-TEST_F(DeviceIdentityTest, FirmwareVersionFromOsReleaseWithoutQuotes) {
-    const std::string etc = tmp.write("etc", "VERSION_ID='1.0'\n");
-    const std::string usr = tmp.write("usr", "NAME=\"Zel OS\"\nVERSION_ID=\"4.7.2\"\n");
-    EXPECT_EQ(read_firmware_version_from(etc.c_str(), usr.c_str()), "1.0");
-    EXPECT_EQ(read_firmware_version_from(tmp.file("none").c_str(), usr.c_str()), "4.7.2");
-}

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <glib.h>
-#include <glib/gstdio.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -22,8 +22,9 @@ class TempDir {
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     ~TempDir() {
+        std::error_code ignored;
         if (!path.empty())
-            remove_tree(path);
+            std::filesystem::remove_all(path, ignored);
     }
 
     std::string file(const std::string& name) const { return path + "/" + name; }
@@ -38,20 +39,4 @@ class TempDir {
     }
 
     std::string path;
-
-  private:
-    static void remove_tree(const std::string& dir) {
-        if (GDir* const entries = g_dir_open(dir.c_str(), 0, nullptr)) {
-            while (const char* name = g_dir_read_name(entries)) {
-                const std::string entry = dir + "/" + name;
-                if (g_file_test(entry.c_str(), G_FILE_TEST_IS_DIR) &&
-                    !g_file_test(entry.c_str(), G_FILE_TEST_IS_SYMLINK))
-                    remove_tree(entry);
-                else
-                    g_unlink(entry.c_str());
-            }
-            g_dir_close(entries);
-        }
-        g_rmdir(dir.c_str());
-    }
 };

@@ -1,5 +1,9 @@
 """Failures the server can be told to produce, one request at a time."""
 
+import gzip
+import socket
+import struct
+
 
 class Fault:
     """What to do instead of (or on top of) the normal answer to one request."""
@@ -17,9 +21,10 @@ class Fault:
         return cls("error", status=status, code=code, message=message)
 
     @classmethod
-    def redirect(cls, status, to_path):
-        """A 307 or 308 to another path of this server, which serves the same endpoint."""
-        return cls("redirect", status=status, to_path=to_path)
+    def redirect(cls, status, to_path=None, location=None):
+        """A 3xx to another path of this server, which serves the same endpoint, or with
+        `location` as the Location header as it stands (None: no header at all)."""
+        return cls("redirect", status=status, to_path=to_path, location=location)
 
     @classmethod
     def exact_size(cls, size):
@@ -47,6 +52,75 @@ class Fault:
         return cls("drop")
 
     @classmethod
-    def json(cls, document, status=200):
-        """An arbitrary JSON document instead of the normal answer."""
-        return cls("json", document=document, status=status)
+    def json(cls, document, status=200, delay=0):
+        """An arbitrary JSON document instead of the normal answer, `delay` seconds late."""
+        return cls("json", document=document, status=status, delay=delay)
+
+    @classmethod
+    def raw(cls, data, status=200, content_type="application/json"):
+        """These bytes as the body, whatever they are."""
+        return cls("raw", data=data, status=status, value=content_type)
+
+    # --- misbehaviour below HTTP's semantics: how the answer travels
+
+    @classmethod
+    def endless_chunks(cls):
+        """A chunked body that never ends (until the client goes away or 64 MiB)."""
+        return cls("endless_chunks")
+
+    @classmethod
+    def gzip(cls, inflated_size=None):
+        """The normal answer gzip-compressed (Content-Encoding: gzip), padded with blanks to
+        `inflated_size` bytes before compression when given."""
+        return cls("gzip", size=inflated_size)
+
+    @classmethod
+    def headers(cls, count):
+        """The normal answer with `count` extra header lines."""
+        return cls("headers", count=count)
+
+    @classmethod
+    def reset_after_headers(cls):
+        """Status line and headers, then a TCP reset instead of the body."""
+        return cls("reset_after_headers")
+
+
+def _chunk(data):
+    return b"%x\r\n" % len(data) + data + b"\r\n"
+
+
+def serve_transport_fault(handler, fault, status, data, content_type):
+    """Sends (status, data) the way `fault` says; False when `fault` is not one of these."""
+    kind, params = fault.kind, fault.params
+    if kind == "gzip":
+        if params["size"]:
+            data = data.ljust(params["size"], b" ")
+        handler._send(status, gzip.compress(data), content_type, {"Content-Encoding": "gzip"})
+    elif kind == "headers":
+        handler._send(status, data, content_type,
+                      {f"X-Filler-{i}": "x" * 16 for i in range(params["count"])})
+    elif kind == "endless_chunks":
+        handler.send_response(status)
+        handler.send_header("Content-Type", "application/json")
+        handler.send_header("Transfer-Encoding", "chunked")
+        handler.end_headers()
+        block = _chunk(b" " * 8192)
+        try:
+            for _ in range(64 * 128):
+                handler.wfile.write(block)
+        except OSError:
+            pass
+        handler.close_connection = True
+    elif kind == "reset_after_headers":
+        handler.send_response(status)
+        handler.send_header("Content-Type", "application/json")
+        handler.send_header("Content-Length", str(len(data) + 1000))
+        handler.end_headers()
+        handler.wfile.flush()
+        # linger 0: close() sends a reset
+        handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                      struct.pack("ii", 1, 0))
+        handler.close_connection = True
+    else:
+        return False
+    return True

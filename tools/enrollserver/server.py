@@ -13,9 +13,9 @@ from http.server import BaseHTTPRequestHandler
 
 from cryptography.hazmat.primitives import serialization
 
+from .faults import serve_transport_fault
 from .protocols import PROTOCOLS, Enrollment, ServerError, bad_request, require
 from .threaded import BackgroundServer
-from .tpm import TpmSettings
 
 ACK_STATUSES = ("saved", "error", "unknown")
 ALT_SERIALS = ("user", "board", "system", "chassis")
@@ -26,11 +26,13 @@ def now_iso8601():
 
 
 class RequestRecord:
-    """One request as received: path, method, headers, raw body, parsed JSON (or None) and
-    the monotonic time of its arrival."""
+    """One request as received: path, method, headers, raw body, parsed JSON (or None), the
+    monotonic time of its arrival and the client's (host, port), which tells connections
+    apart."""
 
     def __init__(self, handler, body):
         self.path = handler.path
+        self.client = handler.client_address[:2]
         self.method = handler.command
         self.headers = dict(handler.headers.items())
         self.body = body
@@ -47,7 +49,7 @@ class EnrollServer(BackgroundServer):
 
     Knobs for tests: `extra_services` (added to "enrolledServices"), `bad_certificate` (the
     certificate is for another key), `omit_services` (no "enrolledServices"),
-    `omit_aws_iot` (no "aws-iot" in it), `tpm` (TPM keys and knobs, see tpm.py), `inject()`
+    `omit_aws_iot` (no "aws-iot" in it), `inject()`
     and `expire()`."""
 
     def __init__(self, ca, host="127.0.0.1", port=0, tls=False, base_path="/enroll",
@@ -60,7 +62,6 @@ class EnrollServer(BackgroundServer):
         self.bad_certificate = False
         self.omit_services = False
         self.omit_aws_iot = False
-        self.tpm = TpmSettings()  # device TPM keys and "tpm2-authkey-csr" knobs
         self.acknowledgements = []  # (device, acknowledgedServices) per "/acknowledge"
         self.sent_services = []  # every "enrolledServices" object sent
         self.issued_certificates = []
@@ -259,14 +260,18 @@ class _Handler(BaseHTTPRequestHandler):
         if kind == "drop":
             self.close_connection = True
             return "-", "dropped"
-        if kind == "delay":
-            time.sleep(params["seconds"])
+        if kind == "delay" or "delay" in params:
+            time.sleep(params.get("seconds") or params["delay"])
         if kind == "redirect":
-            host = self.headers.get("Host", "")
-            scheme = "https" if srv._tls else "http"
-            location = f"{scheme}://{host}{params['to_path']}"
-            self._send(params["status"], b"", None, {"Location": location})
+            location = params["location"]
+            if params["to_path"]:
+                host = self.headers.get("Host", "")
+                location = f"{'https' if srv._tls else 'http'}://{host}{params['to_path']}"
+            self._send(params["status"], b"", None, {"Location": location} if location else {})
             return params["status"], f"redirect to {location}"
+        if kind == "raw":
+            self._send(params["status"], params["data"], params["value"])
+            return params["status"], "(raw)"
         if kind == "error":
             status, document = params["status"], {
                 "statusCode": params["status"], "code": params["code"],
@@ -285,7 +290,8 @@ class _Handler(BaseHTTPRequestHandler):
         if kind == "exact_size":
             data = data.ljust(params["size"], b" ")
         content_type = params.get("value", "application/json") if data else None
-        self._send(status, data, content_type)
+        if not fault or not serve_transport_fault(self, fault, status, data, content_type):
+            self._send(status, data, content_type)
         if not isinstance(document, dict):
             return status, "(empty)" if document is None else "(json)"
         return status, document.get("status") or document.get("code") or ""

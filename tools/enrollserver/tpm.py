@@ -70,13 +70,14 @@ class TpmSettings:
             self.issued.append((serial, key, nonce))
 
 
-class Tpm2AuthkeyCsr:
-    """"tpm2-authkey-csr": the CSR with an HMAC keyed by a TPM-decrypted ephemeral key."""
+class Tpm2AuthkeyCsr(TpmSettings):
+    """"tpm2-authkey-csr": the CSR with an HMAC keyed by a TPM-decrypted ephemeral key. Each
+    server has its own instance, whose settings are its knobs."""
 
     name = "tpm2-authkey-csr"
 
     def initiate(self, server, enrollment):
-        tpm = server.tpm
+        tpm = self
         serial = enrollment.device["serial"]
         public_key = tpm.key_of(serial)
         if public_key is None:
@@ -108,7 +109,7 @@ class Tpm2AuthkeyCsr:
         except ValueError:
             raise bad_request("'hmac' is not base64")
         expected = csr_hmac(enrollment.tpm_key, csr_pem, enrollment.tpm_nonce)
-        if server.tpm.wrong_hmac:  # as a server forgetting the NUL would
+        if self.wrong_hmac:  # as a server forgetting the NUL would
             expected = hmac.new(enrollment.tpm_key, csr_pem.encode() + enrollment.tpm_nonce,
                                 hashlib.sha256).digest()
         if not hmac.compare_digest(received, expected):

@@ -1,4 +1,4 @@
-"""A TPM simulator for the black-box tests, in a network namespace of its own.
+"""A TPM simulator for tests and benchmarks, in a network namespace of its own.
 
 The daemon reaches its TPM through the TSS library's default TCTI, which ends with a
 simulator on localhost:2321: a fixed port. Each test therefore runs in a private network
@@ -14,6 +14,8 @@ import subprocess
 import tempfile
 import time
 from pathlib import Path
+
+import childproc
 
 CLONE_NEWNET = 0x40000000
 HOST, PORT = "127.0.0.1", 2321
@@ -76,13 +78,7 @@ class Swtpm:
         return self
 
     def stop(self):
-        if self.proc and self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait(5)
+        childproc.stop(self.proc)
 
     def cleanup(self):
         self.stop()
