@@ -1,8 +1,6 @@
 #include "JsonObjectInput.h"
 
-#include <cmath>
 #include <cstring>
-#include <string>
 
 #include "SysUtils.h"
 
@@ -13,64 +11,11 @@ namespace {
 // comments, because no document can nest deeper than it has brackets.
 constexpr size_t kJsonMaxBrackets = 8192;
 
-bool is_digit(const std::string& text, size_t i) {
-    return i < text.size() && g_ascii_isdigit(text[i]);
-}
-
-// Why json-glib would read the number starting at data[*i] as another value than the text
-// says, or null; *i is left on its last character. It takes "012" for octal and "0x12" for
-// hexadecimal, wraps integers beyond 64 bits and turns doubles beyond the largest into
-// infinity, so only the JSON number syntax in range passes.
-const char* number_problem(const char* data, size_t length, size_t* i) {
-    size_t end = *i;
-    while (end < length && (g_ascii_isalnum(data[end]) || strchr(".+-", data[end]) != nullptr))
-        ++end;
-    const std::string token(data + *i, end - *i);
-    *i = end - 1;
-
-    size_t p = token[0] == '-' ? 1 : 0;
-    if (!is_digit(token, p))
-        return "malformed JSON number";
-    if (token[p] == '0')
-        ++p;
-    else
-        while (is_digit(token, p))
-            ++p;
-    const bool integer = p == token.size();
-    if (p < token.size() && token[p] == '.') {
-        if (!is_digit(token, ++p))
-            return "malformed JSON number";
-        while (is_digit(token, p))
-            ++p;
-    }
-    if (p < token.size() && (token[p] == 'e' || token[p] == 'E')) {
-        ++p;
-        if (p < token.size() && (token[p] == '+' || token[p] == '-'))
-            ++p;
-        if (!is_digit(token, p))
-            return "malformed JSON number";
-        while (is_digit(token, p))
-            ++p;
-    }
-    if (p != token.size())
-        return "malformed JSON number";
-    if (integer) {
-        gint64 value = 0;
-        return g_ascii_string_to_signed(token.c_str(), 10, G_MININT64, G_MAXINT64, &value, nullptr)
-                   ? nullptr
-                   : "JSON integer out of range";
-    }
-    return std::isinf(g_ascii_strtod(token.c_str(), nullptr)) ? "JSON number out of range"
-                                                              : nullptr;
-}
-
 // Scans the text the way json-glib's scanner splits it into strings ("..." with escapes,
-// '...' without), comments (from a slash to the next one, across lines), numbers and
-// structure, and returns the text of the reason when the parser must not see it: brackets
-// that could nest too deeply for its recursion, an object or array after the top-level
-// value, which json-glib accepts, ignores and leaks (other trailing values it refuses
-// itself), and values it would silently change: numbers (see number_problem) and strings
-// with an escaped NUL character, which ends them there.
+// '...' without), comments (from a slash to the next one, across lines) and structure, and
+// returns the text of the reason when the parser must not see it: brackets that could nest
+// too deeply for its recursion, or an object or array after the top-level value, which
+// json-glib accepts, ignores and leaks (other trailing values it refuses itself).
 const char* structure_problem(const char* data, size_t length) {
     unsigned depth = 0;
     bool top_value_seen = false;
@@ -79,11 +24,8 @@ const char* structure_problem(const char* data, size_t length) {
         switch (c) {
             case '"':
                 for (++i; i < length && data[i] != '"'; ++i) {
-                    if (data[i] != '\\')
-                        continue;
-                    if (length - i > 5 && strncmp(data + i + 1, "u0000", 5) == 0)
-                        return "JSON string holds a NUL character";
-                    ++i;
+                    if (data[i] == '\\')
+                        ++i;
                 }
                 top_value_seen = true;
                 break;
@@ -111,15 +53,8 @@ const char* structure_problem(const char* data, size_t length) {
                 break;
             default:
                 // The start of a number or a literal; a byte order mark is no value.
-                if (g_ascii_isdigit(c) || c == '-') {
-                    if (const char* problem = number_problem(data, length, &i))
-                        return problem;
+                if (g_ascii_isalnum(c) || c == '-')
                     top_value_seen = true;
-                } else if (g_ascii_isalpha(c)) {
-                    while (i + 1 < length && g_ascii_isalnum(data[i + 1]))
-                        ++i;
-                    top_value_seen = true;
-                }
                 break;
         }
     }
