@@ -22,6 +22,16 @@ GVariant* base64_variant(const unsigned char* data, size_t size) {
     return g_variant_new_string(text.get());
 }
 
+// Reports a failed RPMB operation as "<what>: " followed by the system error (-1, with
+// `err` from errno) or the result code the device answered; true when it succeeded.
+bool rpmb_succeeded(int rc, int err, const GCharPtr& what) {
+    if (rc < 0)
+        g_warning("%s: %s (%i)", what.get(), g_strerror(err), err);
+    else if (rc > 0)
+        g_warning("%s: RPMB operation failed with code %i", what.get(), rc);
+    return rc == 0;
+}
+
 }  // namespace
 
 bool Enroller::open_rpmb() {
@@ -74,19 +84,12 @@ std::unique_ptr<RPMBReadResult> Enroller::rpmb_read(const RPMBReadRequest* req, 
         result->data.assign(blocks * RPMB_BLOCK_SIZE, 0);
         rc = rpmb->read(start, blocks, req->nonce, result->data.data(), result->hmac);
     }
-    if (rc < 0) {
-        const int err = errno;
-        g_warning("failed RPMB read of %lu blocks @ %lu for %s enroll response: %s (%i)", blocks,
-                  start, state, g_strerror(err), err);
+    const int err = errno;
+    if (!rpmb_succeeded(rc, err,
+                        GCharPtr(g_strdup_printf("failed RPMB read of %lu blocks @ %lu for %s "
+                                                 "enroll response",
+                                                 blocks, start, state))))
         return nullptr;
-    }
-    if (rc > 0) {
-        g_warning(
-            "failed RPMB read of %lu blocks @ %lu for %s enroll response: RPMB operation failed "
-            "with code %i",
-            blocks, start, state, rc);
-        return nullptr;
-    }
     return result;
 }
 
@@ -99,19 +102,11 @@ std::unique_ptr<RPMBSignAuthRequest> Enroller::rpmb_read_write_counter(const RPM
     auto request = std::make_unique<RPMBSignAuthRequest>();
     unsigned int counter = 0;
     const int rc = rpmb->read_counter(req->nonce, &counter, request->writeCounterHmac);
-    if (rc < 0) {
-        const int err = errno;
-        g_warning("failed RPMB read of write counter for %s enroll response: %s (%i)", state,
-                  g_strerror(err), err);
+    const int err = errno;
+    if (!rpmb_succeeded(rc, err,
+                        GCharPtr(g_strdup_printf(
+                            "failed RPMB read of write counter for %s enroll response", state))))
         return nullptr;
-    }
-    if (rc > 0) {
-        g_warning(
-            "failed RPMB read of write counter for %s enroll response: RPMB operation failed "
-            "with code %i",
-            state, rc);
-        return nullptr;
-    }
     // the device is the authority on how often it was written
     if (counter != status.rpmb.writeCounter) {
         status.rpmb.writeCounter = counter;
@@ -129,19 +124,12 @@ bool Enroller::rpmb_write(const RPMBSignAuthorizer* auth, const char* state) {
     }
     const int rc = rpmb->write(RPMB_WRITE_BLOCK, 1, status.rpmb.writeCounter, auth->data,
                                auth->hmac, nullptr, nullptr, nullptr);
-    if (rc < 0) {
-        const int err = errno;
-        g_warning("failed RPMB write of %lu blocks @ %lu for %s enroll response: %s (%i)", 1ul,
-                  RPMB_WRITE_BLOCK, state, g_strerror(err), err);
+    const int err = errno;
+    if (!rpmb_succeeded(rc, err,
+                        GCharPtr(g_strdup_printf("failed RPMB write of %lu blocks @ %lu for %s "
+                                                 "enroll response",
+                                                 1ul, RPMB_WRITE_BLOCK, state))))
         return false;
-    }
-    if (rc > 0) {
-        g_warning(
-            "failed RPMB write of %lu blocks @ %lu for %s enroll response: RPMB operation "
-            "failed with code %i",
-            1ul, RPMB_WRITE_BLOCK, state, rc);
-        return false;
-    }
     // saved at once: a write that a crash made the daemon forget would escape the rate limit
     status.rpmb.recordWrite();
     status.save();
