@@ -11,17 +11,7 @@
 #include <vector>
 
 #include "GLibPtr.h"
-
-// json-glib's parser recurses once per nesting level and overflows the stack on hostile
-// input, so documents nested deeper than this are refused before they are parsed.
-constexpr unsigned kJsonMaxNesting = 512;
-
-// Drop-in replacements for json_parser_load_from_data / json_parser_load_from_file that
-// first refuse (with a JSON_PARSER_ERROR) documents nested deeper than kJsonMaxNesting and
-// documents with more than one top-level value, which json-glib would partly ignore.
-bool json_parser_load_data_checked(JsonParser* parser, const char* data, long length,
-                                   GError** error);
-bool json_parser_load_file_checked(JsonParser* parser, const char* path, GError** error);
+#include "JsonParserChecked.h"
 
 class JsonObjectInput;
 // Why a document could not be opened: the parser's message, or null for a document
