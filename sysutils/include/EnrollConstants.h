@@ -20,3 +20,8 @@ inline constexpr char DEFAULT_STATUS_FILE[] = "/var/lib/zelenroll/status";
 inline constexpr char DEFAULT_SERVICES_DIR[] = "/var/lib/zelenroll/services";
 inline constexpr char DEFAULT_KEY_FILE[] = "/etc/pki/zelenroll/private/device-private.key";
 inline constexpr char DEFAULT_RPMB_DEVICE[] = "/dev/mmcblk0rpmb";
+inline constexpr char DEFAULT_BRANDING_FILE[] =
+    "/usr/share/resources/default/zelenroll/branding.json";
+
+// The user the daemon switches to unless told otherwise.
+inline constexpr char DEFAULT_DAEMON_USER[] = "zelenroll";

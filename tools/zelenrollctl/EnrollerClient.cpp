@@ -63,6 +63,34 @@ GLibPtr<GVariant> EnrollerClient::call(const char* interface, const char* method
     return reply;
 }
 
+bool EnrollerClient::name_owner(std::string* owner, guint32* pid) {
+    if (!bus && !connect())
+        return false;
+    GError* raw_error = nullptr;
+    const GLibPtr<GVariant> reply(g_dbus_connection_call_sync(
+        bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetNameOwner", g_variant_new("(s)", ENROLLER_DBUS_NAME), G_VARIANT_TYPE("(s)"),
+        G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, &raw_error));
+    if (!reply) {
+        const GErrorPtr err(raw_error);
+        unreachable = true;
+        error = std::string("nobody owns ") + ENROLLER_DBUS_NAME + " on the " +
+                (session_bus ? "session" : "system") + " bus";
+        return false;
+    }
+    const gchar* unique = nullptr;
+    g_variant_get(reply.get(), "(&s)", &unique);
+    *owner = unique;
+    const GLibPtr<GVariant> pid_reply(g_dbus_connection_call_sync(
+        bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetConnectionUnixProcessID", g_variant_new("(s)", unique), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, nullptr));
+    *pid = 0;
+    if (pid_reply)
+        g_variant_get(pid_reply.get(), "(u)", pid);
+    return true;
+}
+
 bool EnrollerClient::get_property(const char* name, bool* value) {
     const GLibPtr<GVariant> reply =
         call("org.freedesktop.DBus.Properties", "Get",

@@ -14,6 +14,9 @@ class EnrollerClient {
     explicit EnrollerClient(bool session_bus) : session_bus(session_bus) {}
 
     bool connect();
+    // The unique bus name owning the daemon's name and that connection's process; false
+    // when nobody owns it (with `unreachable` set) or the bus refuses to tell.
+    bool name_owner(std::string* owner, guint32* pid);
     bool get_property(const char* name, bool* value);
     bool trigger(bool* accepted);
     // The daemon's diagnosis, a dictionary of type "a{sv}".

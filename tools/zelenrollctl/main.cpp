@@ -9,6 +9,8 @@
 #include <iostream>
 #include <string>
 
+#include "Checks.h"
+#include "CtlOptions.h"
 #include "EnrollConstants.h"
 #include "EnrollerClient.h"
 #include "StatusReport.h"
@@ -31,32 +33,12 @@ const char kSummary[] =
     "  diagnose            the daemon's diagnosis\n"
     "  wait                wait until the device is enrolled\n"
     "  renew-if-due        re-enroll when the stored certificate is due for renewal\n"
+    "  check               check everything enrollment needs, one line per check\n"
     "\n"
     "Exit status: 0 done, 1 failed or refused, 2 bad usage, 3 daemon not reachable,\n"
     "4 timed out.\n";
 
-struct Options {
-    gchar* status_file = nullptr;
-    gchar* services_dir = nullptr;
-    gchar* key = nullptr;
-    gboolean session_bus = FALSE;
-    gboolean json = FALSE;
-    gchar* timeout_text = nullptr;
-    gchar* fraction_text = nullptr;
-    double timeout = 300;
-    double fraction = 0.66;
-
-    ~Options() {
-        g_free(status_file);
-        g_free(services_dir);
-        g_free(key);
-        g_free(timeout_text);
-        g_free(fraction_text);
-    }
-    std::string status_path() const { return status_file ? status_file : DEFAULT_STATUS_FILE; }
-    std::string services_path() const { return services_dir ? services_dir : DEFAULT_SERVICES_DIR; }
-    std::string key_path() const { return key ? key : DEFAULT_KEY_FILE; }
-};
+using Options = CtlOptions;
 
 // A finite number making up the whole of `text`.
 bool parse_number(const char* text, double* out) {
@@ -213,12 +195,16 @@ struct Command {
     bool json;
     bool timeout;
     bool fraction;
+    bool check;  // takes the daemon's configuration options
 };
 
 const Command kCommands[] = {
-    {"status", cmd_status, true, false, false},      {"trigger", cmd_trigger, false, false, false},
-    {"diagnose", cmd_diagnose, true, false, false},  {"wait", cmd_wait, false, true, false},
-    {"renew-if-due", cmd_renew, false, false, true},
+    {"status", cmd_status, true, false, false, false},
+    {"trigger", cmd_trigger, false, false, false, false},
+    {"diagnose", cmd_diagnose, true, false, false, false},
+    {"wait", cmd_wait, false, true, false, false},
+    {"renew-if-due", cmd_renew, false, false, true, false},
+    {"check", run_checks, true, false, false, true},
 };
 
 }  // namespace
@@ -232,9 +218,24 @@ int main(int argc, char** argv) {
          "The daemon's services directory; default is /var/lib/zelenroll/services", "DIR"},
         {"key", 0, 0, G_OPTION_ARG_FILENAME, &opts.key,
          "The device key; default is /etc/pki/zelenroll/private/device-private.key", "KEY"},
+        {"branding", 0, 0, G_OPTION_ARG_FILENAME, &opts.branding,
+         "The branding file (check); default is the daemon's", "FILE"},
+        {"proxy", 0, 0, G_OPTION_ARG_FILENAME, &opts.proxy,
+         "The proxy file (check); default is /etc/network/zelproxy.conf", "FILE"},
+        {"rpmb", 'R', 0, G_OPTION_ARG_FILENAME, &opts.rpmb,
+         "The RPMB device or simulator base name (check); default is /dev/mmcblk0rpmb", "RPMBPATH"},
+        {"user", 'u', 0, G_OPTION_ARG_STRING, &opts.user,
+         "The daemon's user (check); default is zelenroll", "USER"},
+        {"base-url", 'B', 0, G_OPTION_ARG_STRING, &opts.base_url,
+         "The enroll base URL (check); default from the branding file", "URL"},
+        {"protocol", 0, 0, G_OPTION_ARG_STRING_ARRAY, &opts.protocols,
+         "An offered protocol (check; repeatable); default from the branding file", "PROTO"},
+        {"connect", 0, 0, G_OPTION_ARG_NONE, &opts.connect,
+         "Also connect to the enrollment server (check)", nullptr},
         {"session-bus", 0, 0, G_OPTION_ARG_NONE, &opts.session_bus,
          "Reach the daemon on the session bus instead of the system bus", nullptr},
-        {"json", 0, 0, G_OPTION_ARG_NONE, &opts.json, "JSON output (status, diagnose)", nullptr},
+        {"json", 0, 0, G_OPTION_ARG_NONE, &opts.json, "JSON output (status, diagnose, check)",
+         nullptr},
         {"timeout", 0, 0, G_OPTION_ARG_STRING, &opts.timeout_text,
          "Seconds to wait (wait; default 300)", "SECONDS"},
         {"fraction", 0, 0, G_OPTION_ARG_STRING, &opts.fraction_text,
@@ -262,8 +263,10 @@ int main(int argc, char** argv) {
     }
     if (!command)
         return fail(EXIT_USAGE, std::string("unknown command '") + argv[1] + "' (see --help)");
+    const bool check_options = opts.branding || opts.proxy || opts.rpmb || opts.user ||
+                               opts.base_url || opts.protocols || opts.connect;
     if ((opts.json && !command->json) || (opts.timeout_text && !command->timeout) ||
-        (opts.fraction_text && !command->fraction))
+        (opts.fraction_text && !command->fraction) || (check_options && !command->check))
         return fail(EXIT_USAGE, std::string("option not valid with command '") + argv[1] + "'");
     if (opts.timeout_text && !(parse_number(opts.timeout_text, &opts.timeout) &&
                                opts.timeout >= 0 && opts.timeout <= 1e6))
