@@ -7,7 +7,10 @@ import subprocess
 import time
 
 import pytest
+import tpmsim
+import zeltest
 from cryptography.hazmat.primitives import serialization
+from enrollserver import EnrollServer
 from enrollserver.faults import Fault
 from zeltest import BUILD_DIR, DBUS_NAME, DBUS_PATH, enroller_property, wait_until
 
@@ -195,3 +198,120 @@ def test_renew_if_due(sandbox, server, ca, enrolled, case, args, renewed, why):
         assert wait_until(lambda: enrolled.log.count(re.escape(DONE) + "$") == 2, 15)
     else:
         assert initiates(server) == 1
+
+
+# --- check: one broken precondition per sandbox, then a device where everything holds
+
+def check_lines(sandbox, *args, user="nobody", mounts=None):
+    """`zelenrollctl check` as the daemon's `user` would see the sandbox."""
+    command = [str(CTL), "check", f"--status-file={sandbox.status_file}",
+               f"--services-dir={sandbox.services_dir}", f"--key={sandbox.key}",
+               f"--branding={sandbox.branding}", "--proxy=", f"--user={user}", *args]
+    return subprocess.run(zeltest.namespace_command(command, mounts), capture_output=True,
+                          text=True, timeout=60, stdin=subprocess.DEVNULL)
+
+
+def private_copy(sandbox, path):
+    """A copy of `path` that only root may read."""
+    copy = sandbox.root / "private" / path.name
+    copy.parent.mkdir(exist_ok=True)
+    copy.write_bytes(path.read_bytes())
+    copy.chmod(0o600)
+    return copy
+
+
+def future_cert_services(sandbox, ca):
+    service = {"certificate": device_cert(ca, sandbox, 1, 30)}
+    sandbox.write("future/aws-iot/service.json", json.dumps(service))
+    return sandbox.root / "future"
+
+
+def rpmb_node(sandbox):
+    node = sandbox.root / "rpmb-node"
+    subprocess.run(["mknod", str(node), "c", "1", "3"], check=True)
+    node.chmod(0o600)
+    return node
+
+
+ROOT_ONLY = "(owner root, group root, mode 0600)"
+CHECK_CASES = {
+    "missing key": (lambda box, ca: [f"--key={box.root / 'none.key'}"],
+                    "device key", lambda box: f"'{box.root / 'none.key'}': No such file or "
+                                              "directory"),
+    "key unreadable by the user": (
+        lambda box, ca: [f"--key={private_copy(box, box.key)}"], "device key",
+        lambda box: f"user 'nobody' may not read '{box.root / 'private/device.key'}' "
+                    f"{ROOT_ONLY}"),
+    "wrong-mode RPMB node": (
+        lambda box, ca: [f"--rpmb={rpmb_node(box)}", "--protocol=emmc-rpmb-csr"], "RPMB",
+        lambda box: f"user 'nobody' may not read and write '{box.root / 'rpmb-node'}' "
+                    f"{ROOT_ONLY}"),
+    "unparsable status file": (
+        lambda box, ca: [f"--status-file={box.write('bad-status', '{')}"], "status file",
+        lambda box: f"'{box.root / 'bad-status'}' cannot be parsed (failed to parse JSON "
+                    "...): the daemon keeps it as '...' at its next start and forgets the "
+                    "enrollment and RPMB history"),
+    "clock before the certificate": (
+        lambda box, ca: [f"--services-dir={future_cert_services(box, ca)}"], "clock",
+        lambda box: "... is before the stored certificate's validity, which starts ..."),
+    "no TPM": (lambda box, ca: ["--protocol=tpm2-authkey-csr"], "TPM",
+               lambda box: "no TPM answers through the default TCTI: ..."),
+    "daemon absent": (lambda box, ca: [], "daemon",
+                      lambda box: f"not running: nobody owns {DBUS_NAME} on the system bus"),
+}
+
+
+def line_re(level, name, found):
+    """The exact line, "..." standing for one run of text without a blank line."""
+    pattern = re.escape(f"{level:<7} {name:<12} {found}").replace(r"\.\.\.", ".+?")
+    return pattern + ("; fix: .+" if level != "ok" else "")
+
+
+@pytest.mark.root
+@pytest.mark.parametrize("case", CHECK_CASES)
+def test_check_names_the_broken_precondition(nobody_sandbox, start_daemon, ca, case):
+    box = nobody_sandbox
+    make_args, name, found = CHECK_CASES[case]
+    netns = tpmsim.NetNamespace() if case == "no TPM" else None  # no simulator answers
+    try:
+        if case != "daemon absent":
+            start_daemon(box.args("--retry=3600"))
+            assert wait_until(name_owned, 5)
+        done = check_lines(box, *make_args(box, ca))
+    finally:
+        if netns:
+            netns.leave()
+    errors = [line for line in done.stdout.splitlines() if line.startswith("error")]
+    assert done.returncode == 1 and len(errors) == 1, done.stdout + done.stderr
+    assert re.fullmatch(line_re("error", name, found(box)), errors[0]), errors[0]
+
+
+@pytest.mark.root
+def test_check_all_green(sandbox, start_daemon, ca, swtpm):
+    box = sandbox  # the daemon runs as root, which owns the sandbox
+    server = EnrollServer(ca, tls=True).start()  # after swtpm: in its network namespace
+    try:
+        rpmb = box.root / "rpmb"
+        subprocess.run([str(BUILD_DIR / "tools" / "rpmbsim"), "create", str(rpmb), "1",
+                        "--new-key", str(box.root / "rpmb-key")], check=True, capture_output=True)
+        branding = box.write_branding(enrollRootUrl=server.url)
+        mounts = {"/etc/ssl/certs/ca-certificates.crt":
+                  box.write("ca-bundle.crt", server.ca_file.read_text())}
+        daemon = start_daemon(box.args(base_url=False, branding=branding), mounts=mounts)
+        daemon.wait_for_message(DONE, timeout=15)
+        done = check_lines(box, "--json", "--connect", f"--rpmb={rpmb}",
+                           "--protocol=emmc-rpmb-csr", "--protocol=tpm2-authkey-csr",
+                           user="root", mounts=mounts)
+    finally:
+        server.stop()
+    report = json.loads(done.stdout)
+    assert done.returncode == 0 and report["warnings"] == report["errors"] == 0, done.stdout
+    assert [c["check"] for c in report["checks"]] == [
+        "daemon user", "branding", "device key", "certificate", "clock", "CA bundle", "server",
+        "proxy", "status file", "services dir", "RPMB", "TPM", "daemon"]
+    found = {c["check"]: c["found"] for c in report["checks"]}
+    assert found["CA bundle"].endswith(": 1 certificate") and "handshake done" in found["server"]
+    assert found["RPMB"].endswith("write counter 0, 500 writes left; writes in the last 1 days "
+                                  "0/10, 10 days 0/20, 180 days 0/30, 365 days 0/50")
+    assert found["TPM"].endswith("will be created at the next attempt")
+    assert found["daemon"].endswith(", enrolled")

@@ -86,8 +86,6 @@ bool DaemonUser::may_access(const std::string& path, int mode, std::string* why)
             *why = "'" + part + "': " + g_strerror(errno);
             return false;
         }
-        if (uid == 0)
-            continue;  // root passes the permission bits
         const unsigned shift = st.st_uid == uid ? 6 : in_group(st.st_gid) ? 3 : 0;
         const unsigned bits = (st.st_mode >> shift) & 7;
         if ((bits & static_cast<unsigned>(wanted)) != static_cast<unsigned>(wanted)) {

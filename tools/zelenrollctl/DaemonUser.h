@@ -7,7 +7,8 @@
 
 // The user the daemon runs as after its user switch, with the groups it then holds.
 // Access is judged from owner, group and mode bits as the kernel would for that user,
-// without becoming it (ACLs and capabilities other than root's are not considered).
+// without becoming it (ACLs are not considered). The daemon keeps no capability that
+// bypasses file permissions, so they hold for root too.
 class DaemonUser {
   public:
     // Looks the user up in the password and group databases; false leaves `error` set.

@@ -97,7 +97,7 @@ void check_clock(CheckContext& ctx) {
         ctx.report.error(name,
                          now_text + " is before the stored certificate's validity, which starts " +
                              time_text(stored.not_before),
-                         "set the clock right (time synchronisation or timedatectl set-time); "
+                         "set the clock right (time synchronisation or timedatectl set-time), as "
                          "TLS and the certificate fail until then");
         return;
     }

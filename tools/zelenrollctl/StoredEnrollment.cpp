@@ -7,12 +7,6 @@
 
 namespace {
 
-std::string name_text(const X509_NAME* name) {
-    std::string error;
-    return write_pem_text(
-        [name](BIO* bio) { return X509_NAME_print_ex(bio, name, 0, XN_FLAG_RFC2253) >= 0; }, error);
-}
-
 bool asn1_to_unix_time(const ASN1_TIME* asn1, time_t* out) {
     struct tm tm {};
     if (!asn1 || ASN1_TIME_to_tm(asn1, &tm) != 1)
@@ -22,6 +16,12 @@ bool asn1_to_unix_time(const ASN1_TIME* asn1, time_t* out) {
 }
 
 }  // namespace
+
+std::string x509_name_text(const X509_NAME* name) {
+    std::string error;
+    return write_pem_text(
+        [name](BIO* bio) { return X509_NAME_print_ex(bio, name, 0, XN_FLAG_RFC2253) >= 0; }, error);
+}
 
 bool StoredEnrollment::load_status(const std::string& path) {
     status_path = path;
@@ -64,8 +64,8 @@ bool StoredEnrollment::load_certificate(const std::string& services_dir,
         cert_error = "certificate has unreadable validity dates";
         return false;
     }
-    subject = name_text(X509_get_subject_name(x509));
-    issuer = name_text(X509_get_issuer_name(x509));
+    subject = x509_name_text(X509_get_subject_name(x509));
+    issuer = x509_name_text(X509_get_issuer_name(x509));
     cert_loaded = true;
     key_matches = cert.check_private_key(key_path.c_str());
     if (!key_matches)

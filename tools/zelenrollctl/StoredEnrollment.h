@@ -4,6 +4,10 @@
 #include <string>
 
 #include "EnrollerStatus.h"
+#include "OpenSSLUtils.h"
+
+// An X.509 name in RFC 2253 form ("CN=...,O=...").
+std::string x509_name_text(const X509_NAME* name);
 
 // What the daemon keeps on disk: its status file and the certificate of the enrolled
 // "aws-iot" service, read without changing anything. Unreadable parts leave their reason

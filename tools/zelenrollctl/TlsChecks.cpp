@@ -5,6 +5,7 @@
 #include <openssl/x509.h>
 #include <unistd.h>
 
+#include "Certificate.h"
 #include "CertificateStore.h"
 #include "Checks.h"
 #include "ClassCallback.h"
@@ -83,12 +84,14 @@ bool TlsProbe::connect(const std::string& url, bool tls, GProxyResolver* resolve
     if (tls) {
         GTlsCertificate* cert =
             g_tls_connection_get_peer_certificate(G_TLS_CONNECTION(connection.get()));
-        gchar* subject = nullptr;
-        gchar* issuer = nullptr;
+        gchar* pem = nullptr;
         if (cert)
-            g_object_get(cert, "subject-name", &subject, "issuer-name", &issuer, nullptr);
-        const GCharPtr subject_owned(subject), issuer_owned(issuer);
-        peer = std::string(subject ? subject : "?") + ", issued by " + (issuer ? issuer : "?");
+            g_object_get(cert, "certificate-pem", &pem, nullptr);
+        const GCharPtr pem_owned(pem);
+        Certificate parsed;
+        if (pem && parsed.load_pem(pem))
+            peer = x509_name_text(X509_get_subject_name(parsed.cert.get())) + ", issued by " +
+                   x509_name_text(X509_get_issuer_name(parsed.cert.get()));
     }
     return true;
 }
@@ -135,7 +138,8 @@ void check_ca_bundle(CheckContext& ctx) {
             fix);
         return;
     }
-    ctx.report.ok(name, "'" + path + "': " + std::to_string(count) + " certificates");
+    ctx.report.ok(name, "'" + path + "': " + std::to_string(count) +
+                            (count == 1 ? " certificate" : " certificates"));
 }
 
 void check_server_tls(CheckContext& ctx) {
@@ -158,7 +162,7 @@ void check_server_tls(CheckContext& ctx) {
     TlsProbe probe;
     if (probe.connect(ctx.base_url, tls, resolver.get())) {
         ctx.report.ok(name, ctx.base_url + via + ": " +
-                                (tls ? "TLS handshake done, certificate " + probe.peer
+                                (tls ? "TLS handshake done, server certificate " + probe.peer
                                      : std::string("connected (plain http, no TLS)")));
         return;
     }
