@@ -15,8 +15,9 @@ struct DaemonView {
 
     void read_diagnosis(GVariant* dict) {
         diagnosed = true;
-        g_variant_lookup(dict, "enrolled", "b", &enrolled);
-        g_variant_lookup(dict, "disabled", "b", &disabled);
+        gboolean flag = FALSE;
+        enrolled = g_variant_lookup(dict, "enrolled", "b", &flag) && flag;
+        disabled = g_variant_lookup(dict, "disabled", "b", &flag) && flag;
         const gchar* url = nullptr;
         if (g_variant_lookup(dict, "base_url", "&s", &url))
             base_url = url;
