@@ -307,8 +307,8 @@ def test_check_all_green(sandbox, start_daemon, ca, swtpm):
     report = json.loads(done.stdout)
     assert done.returncode == 0 and report["warnings"] == report["errors"] == 0, done.stdout
     assert [c["check"] for c in report["checks"]] == [
-        "daemon user", "branding", "device key", "certificate", "clock", "CA bundle", "server",
-        "proxy", "status file", "services dir", "RPMB", "TPM", "daemon"]
+        "daemon user", "branding", "device key", "certificate", "clock", "CA bundle", "proxy",
+        "server", "status file", "services dir", "RPMB", "TPM", "daemon"]
     found = {c["check"]: c["found"] for c in report["checks"]}
     assert found["CA bundle"].endswith(": 1 certificate") and "handshake done" in found["server"]
     assert found["RPMB"].endswith("write counter 0, 500 writes left; writes in the last 1 days "

@@ -75,7 +75,7 @@ int run_checks(const CtlOptions& opts) {
         CheckContext ctx(opts, report);
         for (auto check :
              {check_daemon_user, check_branding, check_device_key, check_certificate, check_clock,
-              check_ca_bundle, check_server_tls, check_proxy, check_status_file, check_services_dir,
+              check_ca_bundle, check_proxy, check_server_tls, check_status_file, check_services_dir,
               check_rpmb, check_tpm, check_daemon})
             check(ctx);
     }

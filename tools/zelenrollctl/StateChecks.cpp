@@ -93,5 +93,6 @@ void check_services_dir(CheckContext& ctx) {
                            "in the branding file");
         return;
     }
-    ctx.report.ok(name, "'" + dir + "' writable, no _DISABLED: enrollment is on");
+    const std::string by = ctx.user_known ? " by " + ctx.user.name : "";
+    ctx.report.ok(name, "'" + dir + "' writable" + by + ", no _DISABLED: enrollment is on");
 }
