@@ -23,13 +23,10 @@ bool CheckContext::user_may_access(const char* name, const std::string& path, in
     return false;
 }
 
-LogCapture::LogCapture() {
-    previous = g_log_set_default_handler(handler, this);
-    previous_data = nullptr;
-}
+LogCapture::LogCapture() : previous(g_log_set_default_handler(handler, this)) {}
 
 LogCapture::~LogCapture() {
-    g_log_set_default_handler(previous, previous_data);
+    g_log_set_default_handler(previous, nullptr);
 }
 
 void LogCapture::handler(const gchar*, GLogLevelFlags level, const gchar* message, gpointer self) {

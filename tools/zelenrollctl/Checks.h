@@ -25,8 +25,7 @@ class LogCapture {
   private:
     static void handler(const gchar* domain, GLogLevelFlags level, const gchar* message,
                         gpointer self);
-    GLogFunc previous;
-    gpointer previous_data;
+    GLogFunc previous;  // the default handler takes no data of its own
     std::string text;
 };
 
@@ -38,8 +37,8 @@ struct CheckContext {
         : opts(options), report(results) {}
 
     bool offers(const char* protocol) const;
-    // Whether the daemon's user is known and may access `path`; adds an error line to the
-    // check `name` with `fix` when not, and returns false.
+    // Whether the daemon's user may access `path` (true for an unknown user, whose own line
+    // is the error); otherwise adds the error line of check `name` with `fix`.
     bool user_may_access(const char* name, const std::string& path, int mode,
                          const std::string& fix);
 

@@ -51,10 +51,12 @@ void check_status_file(CheckContext& ctx) {
         return;
     }
     const EnrollerStatus& st = stored.status;
-    std::string found = "'" + path + "': " +
-                        (st.enrolled ? "enrolled " + time_text(st.lastEnrolledTStamp)
-                                     : std::string("not enrolled")) +
-                        (st.enabled ? ", enabled" : ", disabled");
+    std::string found =
+        "'" + path + "': " +
+        (!st.enrolled                ? std::string("not enrolled")
+         : st.lastEnrolledTStamp > 0 ? "enrolled " + time_text(st.lastEnrolledTStamp)
+                                     : std::string("enrolled")) +
+        (st.enabled ? ", enabled" : ", disabled");
     if (!st.lastEnrollBaseURL.empty())
         found += ", last base URL " + st.lastEnrollBaseURL;
     if (st.enrolled && !ctx.base_url.empty() && st.lastEnrollBaseURL != ctx.base_url)
