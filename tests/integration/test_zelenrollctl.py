@@ -1,5 +1,6 @@
 """zelenrollctl against the real daemon on the private buses of the `buses` fixture."""
 
+import contextlib
 import datetime
 import json
 import re
@@ -226,6 +227,12 @@ def future_cert_services(sandbox, ca):
     return sandbox.root / "future"
 
 
+def tls_url(stack, ca):
+    server = EnrollServer(ca, tls=True).start()
+    stack.callback(server.stop)
+    return server.url
+
+
 def rpmb_node(sandbox):
     node = sandbox.root / "rpmb-node"
     subprocess.run(["mknod", str(node), "c", "1", "3"], check=True)
@@ -235,28 +242,32 @@ def rpmb_node(sandbox):
 
 ROOT_ONLY = "(owner root, group root, mode 0600)"
 CHECK_CASES = {
-    "missing key": (lambda box, ca: [f"--key={box.root / 'none.key'}"],
+    "missing key": (lambda box, ca, stack: [f"--key={box.root / 'none.key'}"],
                     "device key", lambda box: f"'{box.root / 'none.key'}': No such file or "
                                               "directory"),
     "key unreadable by the user": (
-        lambda box, ca: [f"--key={private_copy(box, box.key)}"], "device key",
+        lambda box, ca, stack: [f"--key={private_copy(box, box.key)}"], "device key",
         lambda box: f"user 'nobody' may not read '{box.root / 'private/device.key'}' "
                     f"{ROOT_ONLY}"),
     "wrong-mode RPMB node": (
-        lambda box, ca: [f"--rpmb={rpmb_node(box)}", "--protocol=emmc-rpmb-csr"], "RPMB",
+        lambda box, ca, stack: [f"--rpmb={rpmb_node(box)}", "--protocol=emmc-rpmb-csr"], "RPMB",
         lambda box: f"user 'nobody' may not read and write '{box.root / 'rpmb-node'}' "
                     f"{ROOT_ONLY}"),
     "unparsable status file": (
-        lambda box, ca: [f"--status-file={box.write('bad-status', '{')}"], "status file",
+        lambda box, ca, stack: [f"--status-file={box.write('bad-status', '{')}"], "status file",
         lambda box: f"'{box.root / 'bad-status'}' cannot be parsed (failed to parse JSON "
                     "...): the daemon keeps it as '...' at its next start and forgets the "
                     "enrollment and RPMB history"),
     "clock before the certificate": (
-        lambda box, ca: [f"--services-dir={future_cert_services(box, ca)}"], "clock",
+        lambda box, ca, stack: [f"--services-dir={future_cert_services(box, ca)}"], "clock",
         lambda box: "... is before the stored certificate's validity, which starts ..."),
-    "no TPM": (lambda box, ca: ["--protocol=tpm2-authkey-csr"], "TPM",
+    "no TPM": (lambda box, ca, stack: ["--protocol=tpm2-authkey-csr"], "TPM",
                lambda box: "no TPM answers through the default TCTI: ..."),
-    "daemon absent": (lambda box, ca: [], "daemon",
+    "server of an unknown CA": (
+        lambda box, ca, stack: ["--connect", f"--base-url={tls_url(stack, ca)}"], "server",
+        lambda box: "https://127.0.0.1:...: the server's certificate is not signed by a CA of "
+                    "the CA bundle"),
+    "daemon absent": (lambda box, ca, stack: [], "daemon",
                       lambda box: f"not running: nobody owns {DBUS_NAME} on the system bus"),
 }
 
@@ -277,7 +288,8 @@ def test_check_names_the_broken_precondition(nobody_sandbox, start_daemon, ca, c
         if case != "daemon absent":
             start_daemon(box.args("--retry=3600"))
             assert wait_until(name_owned, 5)
-        done = check_lines(box, *make_args(box, ca))
+        with contextlib.ExitStack() as stack:
+            done = check_lines(box, *make_args(box, ca, stack))
     finally:
         if netns:
             netns.leave()

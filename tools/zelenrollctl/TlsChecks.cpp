@@ -60,8 +60,9 @@ class TlsProbe {
     GTlsCertificateFlags refused = GTlsCertificateFlags(0);
 
   private:
-    void on_event(GSocketClientEvent event, GSocketConnectable*, GIOStream* connection);
-    gboolean on_accept_certificate(GTlsCertificate*, GTlsCertificateFlags errors);
+    void on_event(GSocketClient*, GSocketClientEvent event, GSocketConnectable*,
+                  GIOStream* connection);
+    gboolean on_accept_certificate(GTlsConnection*, GTlsCertificate*, GTlsCertificateFlags errors);
 };
 
 bool TlsProbe::connect(const std::string& url, bool tls, GProxyResolver* resolver) {
@@ -96,14 +97,16 @@ bool TlsProbe::connect(const std::string& url, bool tls, GProxyResolver* resolve
     return true;
 }
 
-void TlsProbe::on_event(GSocketClientEvent event, GSocketConnectable*, GIOStream* connection) {
+void TlsProbe::on_event(GSocketClient*, GSocketClientEvent event, GSocketConnectable*,
+                        GIOStream* connection) {
     if (event == G_SOCKET_CLIENT_TLS_HANDSHAKING && G_IS_TLS_CONNECTION(connection))
         g_signal_connect(connection, "accept-certificate",
                          G_CALLBACK((class_callback<TlsProbe, &TlsProbe::on_accept_certificate>)),
                          this);
 }
 
-gboolean TlsProbe::on_accept_certificate(GTlsCertificate*, GTlsCertificateFlags errors) {
+gboolean TlsProbe::on_accept_certificate(GTlsConnection*, GTlsCertificate*,
+                                         GTlsCertificateFlags errors) {
     refused = errors;
     return FALSE;
 }
