@@ -25,6 +25,8 @@ class ExactReader {
     ExactReader(const char* text, size_t length) : p(text), begin(text), end(text + length) {}
 
     bool document(JsonExact* out, std::string* error) {
+        if (end - p >= 3 && memcmp(p, "\xef\xbb\xbf", 3) == 0)  // a byte order mark
+            p += 3;
         const bool read = value(out, 0);
         skip_space();
         if (read && p != end)
@@ -293,7 +295,7 @@ bool same(const JsonExact& a, const JsonExact& b, const std::string& path, std::
     if (a.value != b.value)
         return differ(a.shown + " against " + b.shown);
     if (a.items.size() != b.items.size())
-        return differ(std::to_string(a.items.size()) + " elements against " +
+        return differ("length " + std::to_string(a.items.size()) + " against " +
                       std::to_string(b.items.size()));
     for (size_t i = 0; i < a.items.size(); ++i) {
         if (!same(a.items[i], b.items[i], path + "[" + std::to_string(i) + "]", where))

@@ -25,8 +25,9 @@ struct JsonExact {
     const JsonExact* member(const std::string& name) const;
 };
 
-// Reads one strict JSON document (RFC 8259 text: no comments, no single quotes) of at most
-// kJsonMaxNesting levels. A repeated member name keeps its last value, as json-glib does.
+// Reads one strict JSON document (RFC 8259 text: no comments, no single quotes; a leading
+// byte order mark is skipped) of at most kJsonMaxNesting levels. A repeated member name
+// keeps its last value, as json-glib does.
 // On failure returns false and sets `error`.
 bool json_exact_parse(const char* text, size_t length, JsonExact* out, std::string* error);
 
