@@ -59,6 +59,11 @@ bool fsync_file(const char* path) {
     return fd && fsync(fd.get()) == 0;
 }
 
+bool fsync_directory(const char* path) {
+    const ScopedFd fd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd && fsync(fd.get()) == 0;
+}
+
 bool read_data_file(const char* path, unsigned char* buffer, size_t length, bool buffered) {
     if (!path || strcmp(path, "-") == 0)
         return fread(buffer, 1, length, stdin) == length;

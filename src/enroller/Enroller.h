@@ -57,6 +57,10 @@ class Enroller {
 
     // Stores one service configuration as "<services dir>/<name>/service.json".
     bool save_service_config(const char* name, GLibPtr<JsonNode> node, std::string* error);
+    // True when `node`, the service `name` of the "enrolledServices" of response `body`,
+    // would be saved with the values `body` gives it; false with the reason otherwise.
+    static bool service_config_faithful(const char* name, JsonNode* node, const std::string& body,
+                                        std::string* error);
 
     // Forced re-enrollment; refused (false) while a request is in flight.
     bool trigger();

@@ -187,7 +187,8 @@ void Enroller::handle_enrolled_req(const EnrollResponse& rsp) {
                          (deviceKey ? cert.check_private_key(*deviceKey)
                                     : cert.check_private_key(info->key_path.c_str()));
     if (matches) {
-        if (save_service_config(AWS_IOT_SERVICE, services.awsIotNode, &error))
+        if (service_config_faithful(AWS_IOT_SERVICE, services.awsIotNode.get(), rsp.body, &error) &&
+            save_service_config(AWS_IOT_SERVICE, services.awsIotNode, &error))
             serviceSaved = true;
         else
             g_warning("failed saving %s service confiuration: %s", AWS_IOT_SERVICE, error.c_str());

@@ -205,6 +205,7 @@ void Enroller::handle_body(SoupMessage* msg, const char* caller) {
     if (SOUP_STATUS_IS_SUCCESSFUL(msg->status_code)) {
         EnrollResponse rsp;
         *json >> rsp;
+        rsp.body.assign(msg->response_body->data, msg->response_body->length);
         if (json->failed()) {
             g_warning("failed parsing enrollment response: %s", json->getError());
             return;

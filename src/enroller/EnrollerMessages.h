@@ -58,6 +58,7 @@ struct EnrollResponse {
     std::unique_ptr<RPMBSignAuthorizer> rpmbSignAuthorizer;
     std::unique_ptr<HMACRequest> hmacRequest;
     std::unique_ptr<EnrolledServices> enrolledServices;
+    std::string body;  // the text of the response, which a stored service must match
 };
 
 struct ErrorResponse {

@@ -12,7 +12,6 @@
 
 #include "EnrollerMessages.h"
 #include "GLibPtr.h"
-#include "ScopedFd.h"
 #include "SysUtils.h"
 
 namespace {
@@ -32,9 +31,7 @@ void read_tstamp_member(JsonObjectInput& in, const char* name, int64_t* tstamp) 
 // A rename is durable only once its directory is on disk as well.
 void fsync_directory_of(const std::string& path) {
     const GCharPtr dir(g_path_get_dirname(path.c_str()));
-    const ScopedFd fd(open(dir.get(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd)
-        fsync(fd.get());
+    fsync_directory(dir.get());
 }
 
 // Keeps an unusable status file beside it as "<path>.bad", replacing an older one, so that

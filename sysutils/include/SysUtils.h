@@ -16,6 +16,9 @@ time_t iso8601_to_unix_time(const char* text);
 
 // Flushes a regular file to storage; true when it could be opened and synced.
 bool fsync_file(const char* path);
+// Flushes a directory's entries to storage, which makes a file created or renamed in it
+// durable; true when it could be opened and synced.
+bool fsync_directory(const char* path);
 
 // Reads exactly `length` bytes from the start of a file, or from standard input for a null
 // path or "-". With `buffered` false stdio buffering is turned off, so that no more than

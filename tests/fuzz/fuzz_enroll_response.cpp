@@ -1,5 +1,7 @@
 // Response bodies of the enrollment server, read as the engine reads them: the document
-// first, then the enrollment response of a success or the error object of a failure.
+// first, then the enrollment response of a success or the error object of a failure, and
+// the check of a delivered service against the text of the body.
+#include "Enroller.h"
 #include "EnrollerMessages.h"
 #include "FuzzSupport.h"
 
@@ -17,6 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (const auto json = JsonObjectInput::open_data(text, length, ignore)) {
         EnrollResponse response;
         *json >> response;
+        if (response.enrolledServices && response.enrolledServices->awsIotNode) {
+            std::string error;
+            Enroller::service_config_faithful("aws-iot",
+                                              response.enrolledServices->awsIotNode.get(),
+                                              std::string(text, size), &error);
+        }
     }
     if (const auto json = JsonObjectInput::open_data(text, length, ignore)) {
         ErrorResponse error;

@@ -25,8 +25,16 @@ def status(sandbox):
     return json.loads(sandbox.status_file.read_text())
 
 
+def squeezed(text):
+    """JSON text without the white space between tokens."""
+    return re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda m: m.group(1) or "", text)
+
+
 def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     server.extra_services = {"other": {"endpoint": "other.example"}}
+    server.service_members = ('"ints": [0, -1, 9223372036854775807, -9223372036854775808], '
+                              '"halves": [0.5, -1.25], "long": "' + "x/" * 30000 + '", '
+                              '"nested": {"a": {"b": [true, null, {}, []]}}')
     daemon = enroll(sandbox, start_daemon, server)
 
     assert [r.path for r in server.requests] == [
@@ -38,8 +46,9 @@ def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     # The service is stored exactly as sent, pretty-printed, and its certificate is the one
     # issued for the device key.
     sent = server.sent_services[-1]["aws-iot"]
-    assert stored_service(sandbox) == sent and list(stored_service(sandbox)) == list(sent)
-    assert "\n  " in (sandbox.services_dir / "aws-iot" / "service.json").read_text()
+    text = (sandbox.services_dir / "aws-iot" / "service.json").read_text()
+    assert squeezed(text) == json.dumps(sent, separators=(",", ":"))
+    assert "\n  " in text
     cert = subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=sent["certificate"],
                           capture_output=True, text=True, check=True).stdout
     key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
@@ -131,21 +140,35 @@ def test_disabled_enroller_sends_nothing(sandbox, start_daemon, server):
     assert not sandbox.disabled_marker.exists()
 
 
+UNSAVED = "failed saving aws-iot service confiuration: "
+UNREADABLE = "service configuration would not read back as JSON: "
+CHANGED = "service configuration cannot be stored as received: "
+
+
 @pytest.mark.parametrize("fault,warning,message", [
     ("bad-cert", "received bad certificate for aws-iot service: ", "bad certificate: "),
-    ("no-services-dir", "failed saving aws-iot service confiuration: ", "Error creating"),
+    ("no-services-dir", UNSAVED, "Error creating"),
+    # service members json-glib would not write back as they were sent
+    ('"n": 1e20', UNSAVED, UNREADABLE),  # "1e+20.0"
+    ('"n": [-1e400]', UNSAVED, UNREADABLE),  # "-inf.0"
+    ('"n": 100000000000000000000', UNSAVED, CHANGED + "$['n']: 100000000000000000000 against -1"),
+    ('"n": {"m": 9223372036854775808}', UNSAVED,
+     CHANGED + "$['n']['m']: 9223372036854775808 against -9223372036854775808"),
+    ('"s": "a\\u0000b"', UNSAVED, CHANGED + "$['s']: \"a\\u0000b\" against \"a\""),
 ])
 def test_unsaved_service_is_acknowledged_as_error(sandbox, start_daemon, server, fault,
                                                   warning, message):
     services_dir = sandbox.services_dir
     if fault == "bad-cert":
         server.bad_certificate = True
-    else:
+    elif fault == "no-services-dir":
         services_dir = sandbox.root / "missing"
+    else:
+        server.service_members = fault
     daemon = start_daemon(sandbox.args("--retry=0", "--debug", f"--services-dir={services_dir}",
                                        base_url=server.url))
     server.wait_for_request("/acknowledge")
-    daemon.wait_for_log(re.escape(warning))
+    daemon.wait_for_log(re.escape(warning + (message if warning == UNSAVED else "")))
     daemon.wait_for_log("enrollment process finished but service not saved")
     ack = server.requests[-1].json["acknowledgedServices"]["aws-iot"]
     assert ack["status"] == "error" and ack["message"].startswith(message)

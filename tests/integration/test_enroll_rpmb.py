@@ -7,6 +7,7 @@ import re
 import shutil
 import stat
 import struct
+import subprocess
 import time
 from datetime import datetime, timedelta, timezone
 
@@ -15,7 +16,7 @@ import pytest
 import zeltest
 from enrollserver import EnrollServer, Fault
 from enrollserver.rpmb import b64, rpmb_mac
-from rpmbframes import KEY, SHIM, make_simulator
+from rpmbframes import KEY, SHIM, make_simulator, random_blocks, rpmbsim
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
@@ -193,13 +194,50 @@ def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_serv
     assert rpmb_server.requests == []
 
 
+class MmcUtils:
+    """mmc-utils' `mmc rpmb` on the shim's node: a client of the RPMB written by others."""
+
+    def __init__(self, rpmb, node):
+        self.rpmb, self.node, self.key = rpmb, node, rpmb.base.parent / "given.key"
+        self.env = dict(os.environ, LD_PRELOAD=str(SHIM), ZEL_MMC_SHIM_RPMB=str(rpmb.base),
+                        ZEL_MMC_SHIM_NODE=str(node))
+
+    def __call__(self, *args):
+        run = subprocess.run(["mmc", "rpmb", *map(str, args)], env=self.env,
+                             capture_output=True, timeout=30)
+        assert run.returncode == 0, run.stderr
+        return run.stdout
+
+    def counter(self):
+        text = self("read-counter", self.node).decode()
+        assert rpmbsim("info", self.rpmb.base).stdout.decode().startswith(
+            f"counter: {self.rpmb.counter}\n")
+        return int(re.fullmatch(r"Counter value: (0x[0-9a-f]{8})\n", text)[1], 16)
+
+    def block(self, n):
+        """Block n as mmc-utils reads it (checking the MAC) and as `rpmbsim read` does."""
+        mine, theirs = self.node.parent / "mmc.out", self.node.parent / "rpmbsim.out"
+        mine.unlink(missing_ok=True)  # mmc-utils appends to an existing file
+        self("read-block", self.node, n, 1, mine, self.key)
+        assert rpmbsim("read", self.rpmb.base, n, "--out", theirs).returncode == 0
+        assert mine.read_bytes() == theirs.read_bytes() == self.rpmb.block(n)
+        return mine.read_bytes()
+
+
 @pytest.mark.root
 def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
-    """Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl."""
+    """Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
+    mmc-utils, on the same node, agrees on the RPMB before and after."""
     box = nobody_sandbox
     rpmb = Rpmb(box.root)
     node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"
     os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+    mmc = MmcUtils(rpmb, node)
+    assert mmc.counter() == 0 and mmc.block(0) == DEVID
+    data = box.root / "block"
+    data.write_bytes(random_blocks(1))
+    mmc("write-block", node, 2, data, mmc.key)  # the simulator checks mmc-utils' MAC
+    assert mmc.counter() == 1 and mmc.block(2) == data.read_bytes()
     log.touch()
     for path in (node, log, *box.root.glob("rpmb.*")):
         shutil.chown(path, "nobody")
@@ -211,8 +249,8 @@ def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
     assert daemon.stop() == 0
 
     assert [r.path for r in rpmb_server.requests] == PATHS
-    assert rpmb.counter == 1
-    assert rpmb.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
+    assert mmc.counter() == 2 and mmc.block(2) == data.read_bytes()
+    assert mmc.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
     lines = log.read_text().splitlines()
     ioctls = [dict(f.split("=") for f in line.split()[1:]) for line in lines[:-1]]
     assert [i["type"] for i in ioctls] == ["0x0004", "0x0002", "0x0003", "0x0004"]

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "BadEscapes.h"
 #include "BrandingInfo.h"
 #include "LogCapture.h"
 #include "TempDir.h"
@@ -38,4 +39,10 @@ TEST_F(BrandingInfoTest, InvalidFilesFailWithAWarning) {
               0);
     EXPECT_TRUE(warned(kInvalid + std::string("array element 1 does not hold a string")))
         << log.dump();
+    for (const char* doc : kBadSurrogateDocuments) {
+        EXPECT_EQ(load(doc), 0);
+        EXPECT_TRUE(
+            warned("failed to parse JSON from branding file " + path + ": " + path + kBadSurrogate))
+            << log.dump();
+    }
 }

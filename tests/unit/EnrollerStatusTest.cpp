@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "BadEscapes.h"
 #include "EnrollerStatus.h"
 #include "LogCapture.h"
 #include "SysUtils.h"
@@ -76,6 +77,18 @@ TEST_F(StatusFile, MissingWriteCounterIsReportedAndWhatWasReadKept) {
                                   R"("rpmb":{"writeCounter":0,)"
                                   R"("writeTStamps":["2023-11-14T22:15:00Z"]}})");
     EXPECT_EQ(contents(), text) << "an invalid file must not be rewritten";
+}
+
+TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
+    for (const char* doc : kBadSurrogateDocuments) {
+        write(doc);
+        EXPECT_FALSE(EnrollerStatus(path).load(true));
+        EXPECT_TRUE(logs.logged(G_LOG_LEVEL_WARNING,
+                                "failed to parse JSON from enroller status "
+                                "file " +
+                                    path + ": " + path + kBadSurrogate))
+            << logs.dump();
+    }
 }
 
 TEST_F(StatusFile, MissingFileResetsToDefaultsAndWritesThem) {

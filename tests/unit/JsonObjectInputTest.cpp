@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "BadEscapes.h"
 #include "JsonObjectInput.h"
 
 namespace {
@@ -133,4 +134,26 @@ TEST(JsonObjectInputHostile, OnlyOneTopLevelValue) {
             << doc;
     for (const char* doc : {"{} /* c */", "\xef\xbb\xbf{\"a\": \"}{\"}"})
         EXPECT_FALSE(JsonObjectInput(doc, -1).failed()) << doc;
+}
+
+TEST(JsonObjectInputHostile, BadUnicodeEscapesAreRefusedBeforeParsing) {
+    const std::string pair = kParseError + "<data>" + kBadSurrogate;
+    for (const char* doc : kBadSurrogateDocuments)
+        EXPECT_EQ(err(JsonObjectInput(doc, -1)), pair) << doc;
+    for (const char* doc : {R"(["\uD800"])", R"(["\uD800x\uDC00"])"})
+        EXPECT_EQ(err(JsonObjectInput(doc, -1)), pair) << doc;
+    const std::string escape =
+        kParseError + "<data>:1:3: Parse error: scanner: invalid unicode escape";
+    for (const char* doc : {R"(["\u12x4"])", R"(["\u12)", R"(["\u)"})
+        EXPECT_EQ(err(JsonObjectInput(doc, -1)), escape) << doc;
+    // in a key, on a later line, after an escaped quote, late in a big document
+    const std::string big = "{\"a\": \"" + std::string(100000, 'x') + "\",\n \"\\\"\\uDC00\": 1}";
+    EXPECT_EQ(err(JsonObjectInput(big.c_str(), -1)),
+              kParseError + "<data>:2:5: Parse error: scanner: malformed surrogate pair");
+
+    std::string out;
+    JsonObjectInput good(R"({"s": "\uD834\uDD1E\u00e9\\u", "\uDBFF\uDFFF": 'x\uD800'})", -1);
+    EXPECT_TRUE(good.readMember("s", &out, true)) << err(good);
+    EXPECT_EQ(out, "\U0001D11E\u00e9\\u");
+    EXPECT_TRUE(good.checkHasMember("\U0010FFFF", true)) << err(good);
 }

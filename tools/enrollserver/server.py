@@ -43,13 +43,18 @@ class RequestRecord:
             self.json = None
 
 
+# Stands for `EnrollServer.service_members` in a document until it is sent.
+_RAW_MEMBERS = "zel-raw-members"
+
+
 class EnrollServer(BackgroundServer):
     """Serves POST <base_path>/<endpoint> on loopback. Any path ending in an endpoint's name
     serves that endpoint, so that redirects can point anywhere on the server.
 
     Knobs for tests: `extra_services` (added to "enrolledServices"), `bad_certificate` (the
     certificate is for another key), `omit_services` (no "enrolledServices"),
-    `omit_aws_iot` (no "aws-iot" in it), `inject()`
+    `omit_aws_iot` (no "aws-iot" in it), `service_members` (JSON text of members sent as
+    they stand at the end of "aws-iot", for values Python would not write), `inject()`
     and `expire()`."""
 
     def __init__(self, ca, host="127.0.0.1", port=0, tls=False, base_path="/enroll",
@@ -62,6 +67,7 @@ class EnrollServer(BackgroundServer):
         self.bad_certificate = False
         self.omit_services = False
         self.omit_aws_iot = False
+        self.service_members = None
         self.acknowledgements = []  # (device, acknowledgedServices) per "/acknowledge"
         self.sent_services = []  # every "enrolledServices" object sent
         self.issued_certificates = []
@@ -209,11 +215,17 @@ class EnrollServer(BackgroundServer):
                 "region": "eu-west-1",
                 "caCertificate": self.ca.cert_pem,
             }
+            if self.service_members:
+                services["aws-iot"][_RAW_MEMBERS] = None
         services.update(self.extra_services)
         enrollment.certificate = certificate
+        sent = dict(services)
+        if self.service_members and "aws-iot" in sent:
+            sent["aws-iot"] = {**sent["aws-iot"], **json.loads(f"{{{self.service_members}}}")}
+            del sent["aws-iot"][_RAW_MEMBERS]
         with self._cond:
             self.issued_certificates.append(certificate)
-            self.sent_services.append(services)
+            self.sent_services.append(sent)
         return {"status": "enrolled", **({} if self.omit_services else
                                          {"enrolledServices": services})}
 
@@ -287,6 +299,8 @@ class _Handler(BaseHTTPRequestHandler):
         else:
             status, document = srv.answer(endpoint, record.json)
         data = json.dumps(document).encode() if document is not None else b""
+        if srv.service_members:
+            data = data.replace(f'"{_RAW_MEMBERS}": null'.encode(), srv.service_members.encode())
         if kind == "exact_size":
             data = data.ljust(params["size"], b" ")
         content_type = params.get("value", "application/json") if data else None
