@@ -102,10 +102,10 @@ class Fleet {
 
     // Enroller::handle_retry_timeout; returns 1 when the attempt enrolled the device.
     unsigned handle_retry_timeout(unsigned d, Result& result) {
-        std::uniform_real_distribution<double> uniform(0.0, cfg.base * multiplier[d]);
-        const unsigned next =
-            RetryPolicy::backoff_delay(static_cast<unsigned>(cfg.base), uniform(rng));
-        multiplier[d] *= 2;
+        const unsigned next = RetryPolicy::backoff_step(
+            static_cast<unsigned>(cfg.base), &multiplier[d], [this](double begin, double end) {
+                return std::uniform_real_distribution<double>(begin, end)(rng);
+            });
         schedule_retry(d, next);
         return initiate(d, result);
     }

@@ -44,6 +44,7 @@ Enroller::~Enroller() {
     cancel_retry_timeout();
     if (releaseSource)
         g_source_remove(releaseSource);
+    clear_request_deadline();
     enrolledCallback = nullptr;
     close_rpmb();
     if (tpm2)

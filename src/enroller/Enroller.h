@@ -87,6 +87,9 @@ class Enroller {
     void req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk);
     void req_restarted_cb(SoupMessage* msg);
     void req_redirect_cb(SoupMessage* msg);
+    void arm_request_deadline(SoupMessage* msg);
+    void clear_request_deadline();
+    int request_deadline_cb();
     void complete_acknowledge(SoupMessage* msg);
     int release_resources();
     void handle_body(SoupMessage* msg, const char* caller);
@@ -107,7 +110,8 @@ class Enroller {
     int handle_retry_timeout();
     void cancel_retry_timeout();
     void on_network_changed(GObject* monitor, GParamSpec* pspec);
-    bool rpmb_rate_limit_reschedule();
+    // `before_write`: right before an authorised write (see RetryPolicy::rpmb_rate_limited)
+    bool rpmb_rate_limit_reschedule(bool before_write = false);
 
     // hardware proofs; `state` is the response's status, for messages
     bool open_rpmb();
@@ -137,7 +141,10 @@ class Enroller {
     std::string publicKeyPem;
     bool serviceSaved = false;
     guint retrySource = 0;
-    guint releaseSource = 0;  // idle source of release_resources()
+    guint releaseSource = 0;          // idle source of release_resources()
+    guint deadlineSource = 0;         // timeout of the request in flight
+    unsigned requestDeadline = 0;     // seconds
+    SoupMessage* inFlight = nullptr;  // not owned: the session holds it while queued
     gulong networkHandler = 0;
     std::function<void()> enrolledCallback;
     gint64 requestStart = 0;

@@ -130,6 +130,10 @@ void Enroller::handle_auth_req(const EnrollResponse& rsp) {
 
 void Enroller::handle_data_verify_req(const EnrollResponse& rsp) {
     g_return_if_fail(rpmb);
+    // Checked before every write, not only when the attempt starts: a server that answers
+    // each "/dataVerify" with another write would otherwise wear the RPMB past the table.
+    if (rpmb_rate_limit_reschedule(true))
+        return;
     const char* state = rsp.status.c_str();
     if (!rpmb_write(rsp.rpmbSignAuthorizer.get(), state))
         return;

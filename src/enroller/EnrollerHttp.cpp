@@ -2,7 +2,10 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+
 #include "ClassCallback.h"
+#include "EnrollConstants.h"
 #include "EnrollerMessages.h"
 #include "JsonObjectInput.h"
 #include "JsonObjectOutput.h"
@@ -91,9 +94,41 @@ void Enroller::send_request(Request kind, const std::string& body) {
 
     request = kind;
     requestStart = g_get_monotonic_time();
+    arm_request_deadline(msg);
     soup_session_queue_message(session, msg, class_callback<Enroller, &Enroller::req_response_cb>,
                                this);
     g_message("sending %s request", path + 1);
+}
+
+void Enroller::arm_request_deadline(SoupMessage* msg) {
+    guint timeout = 0;
+    g_object_get(session, SOUP_SESSION_TIMEOUT, &timeout, nullptr);
+    requestDeadline =
+        timeout == 0 ? REQUEST_DEADLINE_NO_TIMEOUT
+                     : static_cast<unsigned>(std::min<guint64>(
+                           guint64{timeout} * REQUEST_DEADLINE_TIMEOUTS, REQUEST_DEADLINE_MAX));
+    clear_request_deadline();
+    inFlight = msg;
+    deadlineSource = g_timeout_add_seconds(
+        requestDeadline, class_callback<Enroller, &Enroller::request_deadline_cb>, this);
+}
+
+void Enroller::clear_request_deadline() {
+    if (deadlineSource)
+        g_source_remove(deadlineSource);
+    deadlineSource = 0;
+    inFlight = nullptr;
+}
+
+// Ends like the size cap: the completion callback logs the cancelled transport status and
+// the armed retry takes over.
+int Enroller::request_deadline_cb() {
+    deadlineSource = 0;
+    SoupMessage* msg = inFlight;
+    inFlight = nullptr;
+    g_warning("request not completed within %u seconds, aborting request", requestDeadline);
+    soup_session_cancel_message(session, msg, SOUP_STATUS_CANCELLED);
+    return G_SOURCE_REMOVE;
 }
 
 void Enroller::req_got_chunk_cb(SoupMessage* msg, SoupBuffer* chunk) {
@@ -125,6 +160,7 @@ void Enroller::req_redirect_cb(SoupMessage* msg) {
 void Enroller::req_response_cb(SoupSession*, SoupMessage* msg) {
     const Request kind = request;
     request = REQUEST_NONE;
+    clear_request_deadline();
     const guint code = msg->status_code;
     g_debug("received response with status code %u", code);
 

@@ -25,10 +25,10 @@ int Enroller::handle_retry_timeout() {
     }
     const unsigned base = static_cast<unsigned>(info->retry_interval);
     if (base != 0) {
+        const double multiplier = retryMultiplier;
         const unsigned next =
-            RetryPolicy::backoff_delay(base, g_random_double_range(0, base * retryMultiplier));
-        g_debug("retrying enroll (multiplier %.0f), next retry in %u secs", retryMultiplier, next);
-        retryMultiplier *= 2;
+            RetryPolicy::backoff_step(base, &retryMultiplier, g_random_double_range);
+        g_debug("retrying enroll (multiplier %.0f), next retry in %u secs", multiplier, next);
         schedule_retry(next);
     }
     if (request == REQUEST_NONE)
@@ -42,9 +42,9 @@ void Enroller::cancel_retry_timeout() {
     retrySource = 0;
 }
 
-bool Enroller::rpmb_rate_limit_reschedule() {
+bool Enroller::rpmb_rate_limit_reschedule(bool before_write) {
     RetryPolicy::RateLimit hit{};
-    if (!RetryPolicy::rpmb_rate_limited(status.rpmb, &hit))
+    if (!RetryPolicy::rpmb_rate_limited(status.rpmb, &hit, before_write))
         return false;
     g_warning(
         "reached RPMB write limit (%u >= %u) over last %li seconds, one slot will free in %li "

@@ -17,17 +17,23 @@ unsigned RetryPolicy::spaced_delay(unsigned delay, unsigned base, gint64 elapsed
 
 unsigned RetryPolicy::backoff_delay(unsigned base, double uniform) {
     const double next = base + std::round(uniform);
-    return next >= MAX_DELAY ? MAX_DELAY : static_cast<unsigned>(next);
+    // also catches a range grown to infinity after years of doubling
+    return next < MAX_DELAY ? static_cast<unsigned>(next) : MAX_DELAY;
 }
 
-bool RetryPolicy::rpmb_rate_limited(const EnrollerRPMBStatus& history, RateLimit* hit) {
-    for (const RateRow& row : RPMB_WRITE_RATES) {
+bool RetryPolicy::rpmb_rate_limited(const EnrollerRPMBStatus& history, RateLimit* hit,
+                                    bool before_write) {
+    auto reached = [&](const RateRow& row) {
         long wait = 0;
         const unsigned count = history.countWritesInLastSecs(row.window, &wait);
-        if (count >= row.limit) {
-            *hit = {count, row.limit, row.window, wait};
+        if (count < row.limit)
+            return false;
+        *hit = {count, row.limit, row.window, wait};
+        return true;
+    };
+    for (const RateRow& row : RPMB_WRITE_RATES) {
+        if (reached(row))
             return true;
-        }
     }
-    return false;
+    return before_write && reached(RPMB_WRITE_SECOND);
 }

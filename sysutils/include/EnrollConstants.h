@@ -25,3 +25,12 @@ inline constexpr char DEFAULT_BRANDING_FILE[] =
 
 // The user the daemon switches to unless told otherwise.
 inline constexpr char DEFAULT_DAEMON_USER[] = "zelenroll";
+
+// The overall deadline of one enrollment request, redirects included. The HTTP timeout only
+// bounds each silence of the server: one that keeps sending "102 Processing" or drips its
+// body a byte at a time would hold the request, and with it the device, for ever.
+// With a timeout, the deadline is this many times it, at most a day:
+inline constexpr unsigned REQUEST_DEADLINE_TIMEOUTS = 5;
+inline constexpr unsigned REQUEST_DEADLINE_MAX = 86400;
+// Without one (a timeout of 0), in seconds:
+inline constexpr unsigned REQUEST_DEADLINE_NO_TIMEOUT = 1800;

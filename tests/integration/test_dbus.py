@@ -96,6 +96,39 @@ def test_network_manager_state_changed(sandbox, start_daemon, network_manager, s
     assert daemon.log.count(notified) == before + heard, daemon.output()
 
 
+def set_state(value):
+    """NetworkManager's "State" property, which GIO's monitor follows, without "StateChanged"."""
+    done = gdbus("call", "--dest", NM_NAME, "--object-path", NM_PATH, "--method",
+                 "org.freedesktop.DBus.Mock.SetProperty", NM_PATH, NM_NAME, "State",
+                 f"<uint32 {value}>")
+    assert done.returncode == 0, done.stderr
+
+
+RESETS = {"trigger": (lambda nm: enroller_call("trigger"),
+                      "received trigger call, enrolled status reset and scheduled a retry"),
+          "StateChanged": (lambda nm: nm("u", "uint32 70"),
+                           "received network available notification, scheduled a retry"),
+          "GIO-monitor": (lambda nm: (set_state(20), set_state(70)),
+                          "received network available notification, scheduled a retry")}
+
+
+@pytest.mark.parametrize("how", RESETS)
+def test_backoff_grows_until_reset(sandbox, start_daemon, network_manager, how):
+    action, heard = RESETS[how]
+    daemon = start_daemon(sandbox.args("--retry=1", "--debug"),
+                          env={"GIO_USE_NETWORK_MONITOR": "networkmanager"})
+    retrying = r"retrying enroll \(multiplier (\d+)\)"
+    daemon.wait_for_log(r"retrying enroll \(multiplier 2\)", timeout=10)  # the next one: 4
+    # a request in flight (for a moment: nothing listens) refuses or ignores the call
+    for _ in range(10):
+        mark = len(daemon.log.lines())
+        action(network_manager)
+        if daemon.log.wait_for(message_re(heard), 1, start=mark):
+            break
+    at = max(i for i, line in enumerate(daemon.log.lines()) if re.search(message_re(heard), line))
+    assert daemon.wait_for_log(retrying, start=at).group(1) == "1", daemon.output()
+
+
 def test_session_bus(sandbox, start_daemon, network_manager):
     daemon = start_daemon(sandbox.args("--use-session-bus", "--retry=3600"))
     wait_for_name(daemon, bus="session")

@@ -136,6 +136,22 @@ def test_rpmb_write_guards(sandbox, start_daemon, rpmb_server, rpmb, counter, st
     assert rpmb.counter == counter and status(sandbox)["rpmb"]["writeCounter"] == counter
 
 
+@pytest.mark.parametrize("stored, stamps, allowed, row", [
+    (7, [HOUR * i + 60 for i in range(7)], 3, "(10 >= 10) over last 86400 seconds"),
+    (17, [DAY * 2 + HOUR * i for i in range(17)], 3, "(20 >= 20) over last 864000 seconds")])
+def test_rpmb_writes_held_to_the_rate_table_within_one_attempt(
+        sandbox, start_daemon, rpmb_server, rpmb, stored, stamps, allowed, row):
+    """A server that answers every "/dataVerify" with one more write gets no more of them than
+    the table allows."""
+    write_status(sandbox, stored, stamps)
+    rpmb.counter = stored
+    rpmb_server.protocol(PROTO).endless_writes = True
+    daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
+    daemon.wait_for_log(re.escape(f"reached RPMB write limit {row}"), timeout=30)
+    assert rpmb.counter == stored + allowed
+    assert status(sandbox)["rpmb"]["writeCounter"] == stored + allowed
+
+
 def test_worn_rpmb_is_never_written(sandbox, start_daemon, rpmb_server, rpmb):
     """Not even a server that asks for the write straight away gets a worn RPMB written."""
     write_status(sandbox, 501)

@@ -1,6 +1,7 @@
 """The daemon against a hostile enrollment server and a hostile system: redirects of every
-kind, bodies that never end or inflate, floods of headers, resets, silence, bodies of every
-shape, broken status files, full and read-only file systems, and kills at any moment.
+kind, bodies that never end or inflate, floods of headers, resets, silence, endless interim
+answers, drips, bodies of every shape, broken status files, full and read-only file systems,
+and kills at any moment.
 
 Every case must end in the daemon's exact message, with the daemon still running and the
 next attempt still made (and then enrolling, where the server lets it). The cases of the
@@ -23,6 +24,8 @@ from enrollserver import EnrollServer, Fault
 DONE = "enrollment completed successfully"
 TOO_BIG = "response exceeds maximum size 131072, aborting request"
 CANCELLED = "failed to connect (1): Cancelled"
+# with --timeout=1: five times the timeout
+DEADLINE = "request not completed within 5 seconds, aborting request"
 EXPIRED = re.compile(r"request failed with status code: -?\d+, code: CallbackDataExpiredException, "
                      r"server time: ")
 PRECONDITION = ("void Enroller::req_response_cb(SoupSession*, SoupMessage*): assertion "
@@ -141,6 +144,10 @@ CASES = [
     Case("silent", [("/CSRVerify", Fault.delay(6))], ["failed to connect (7): Connection "
                                                       "terminated unexpectedly"],
          args=("--timeout=1",)),
+    # never silent for the timeout, never done: the request's deadline ends it
+    Case("endless-102", [("/initiate", Fault.interim_responses(20))], [DEADLINE, CANCELLED],
+         args=("--timeout=1",)),
+    Case("drip", [("/CSRVerify", Fault.drip(20))], [DEADLINE, CANCELLED], args=("--timeout=1",)),
     # a POST is never re-sent on its own when its kept-alive connection turns out closed
     Case("drop-kept-alive", [("/CSRVerify", Fault.drop())],
          ["failed to connect (8): Message Corrupt"],

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <ctime>
 
 #include "EnrollerStatus.h"
@@ -13,14 +14,21 @@ TEST(RetryPolicy, SpacingHoldsRequestsApart) {
     EXPECT_EQ(RetryPolicy::spaced_delay(1000000, 60, 0), 86400u);
 }
 
-TEST(RetryPolicy, BackoffBoundsDoubleUntilTheDayCap) {
-    EXPECT_EQ(RetryPolicy::backoff_delay(60, 0.0), 60u);
-    double range = 60;  // uniform is drawn from [0, base * multiplier), the multiplier doubling
-    for (const unsigned upper : {120u, 180u, 300u, 540u, 1020u}) {
-        EXPECT_EQ(RetryPolicy::backoff_delay(60, range - 0.4), upper);
-        range *= 2;
+TEST(RetryPolicy, BackoffRangeDoublesEveryStepUntilTheDayCap) {
+    // the highest draw each time: 60 + (60 * 2^n - 0.4) rounded, capped at 86400
+    double multiplier = 1.0;
+    for (const unsigned upper : {120u, 180u, 300u, 540u, 1020u, 1980u, 3900u, 7740u, 15420u, 30780u,
+                                 61500u, 86400u, 86400u}) {
+        EXPECT_EQ(RetryPolicy::backoff_step(60, &multiplier,
+                                            [](double begin, double end) {
+                                                EXPECT_EQ(begin, 0.0);
+                                                return end - 0.4;
+                                            }),
+                  upper);
     }
-    EXPECT_EQ(RetryPolicy::backoff_delay(60, 86339.6), 86400u);
+    EXPECT_EQ(multiplier, 8192.0);
+    EXPECT_EQ(RetryPolicy::backoff_delay(60, 0.0), 60u);
+    EXPECT_EQ(RetryPolicy::backoff_delay(60, HUGE_VAL), 86400u);
 }
 
 TEST(RetryPolicy, RpmbRateTableReportsTheFirstRowReached) {
@@ -35,4 +43,11 @@ TEST(RetryPolicy, RpmbRateTableReportsTheFirstRowReached) {
     EXPECT_EQ(hit.limit, 20u);
     EXPECT_EQ(hit.window, 864000);
     EXPECT_NEAR(hit.wait, 864000 - 2000, 2);
+
+    // right before a write, also one per second: writes of one second share a time stamp
+    EnrollerRPMBStatus now;
+    now.writeTStamps.insert(time(nullptr));
+    EXPECT_FALSE(RetryPolicy::rpmb_rate_limited(now, &hit));
+    ASSERT_TRUE(RetryPolicy::rpmb_rate_limited(now, &hit, true));
+    EXPECT_EQ(hit.window, 1);
 }

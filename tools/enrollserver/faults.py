@@ -3,6 +3,7 @@
 import gzip
 import socket
 import struct
+import time
 
 
 class Fault:
@@ -80,6 +81,18 @@ class Fault:
         return cls("headers", count=count)
 
     @classmethod
+    def interim_responses(cls, seconds, interval=0.25):
+        """"102 Processing" interim responses every `interval` seconds for `seconds`, then
+        the normal answer."""
+        return cls("interim_responses", seconds=seconds, interval=interval)
+
+    @classmethod
+    def drip(cls, seconds, interval=0.25):
+        """The normal answer, padded with blanks, its body one byte every `interval`
+        seconds; the connection is closed after `seconds`, short of the end."""
+        return cls("drip", seconds=seconds, interval=interval)
+
+    @classmethod
     def reset_after_headers(cls):
         """Status line and headers, then a TCP reset instead of the body."""
         return cls("reset_after_headers")
@@ -108,6 +121,27 @@ def serve_transport_fault(handler, fault, status, data, content_type):
         try:
             for _ in range(64 * 128):
                 handler.wfile.write(block)
+        except OSError:
+            pass
+        handler.close_connection = True
+    elif kind == "interim_responses":
+        try:
+            for _ in range(int(params["seconds"] / params["interval"])):
+                handler.wfile.write(b"HTTP/1.1 102 Processing\r\n\r\n")
+                time.sleep(params["interval"])
+            handler._send(status, data, content_type)
+        except OSError:
+            handler.close_connection = True
+    elif kind == "drip":
+        steps = int(params["seconds"] / params["interval"])
+        handler.send_response(status)
+        handler.send_header("Content-Type", content_type or "application/json")
+        handler.send_header("Content-Length", str(len(data) + steps + 1))
+        handler.end_headers()
+        try:
+            for byte in data.ljust(steps, b" ")[:steps]:
+                handler.wfile.write(bytes([byte]))
+                time.sleep(params["interval"])
         except OSError:
             pass
         handler.close_connection = True

@@ -54,7 +54,8 @@ class EmmcRpmbCsr:
     `faults`, one-shot faults: "bad_mac" (the write authoriser's MAC is wrong),
     "stale_counter" (it is made for the previous counter, which the card refuses as a MAC
     mismatch, since the MAC covers the counter), "nonce_mismatch" (the read is checked
-    against another nonce than the one sent)."""
+    against another nonce than the one sent); `endless_writes`: every "/dataVerify" is
+    answered with the authorisation of one more write, never with "enrolled"."""
 
     name = "emmc-rpmb-csr"
 
@@ -64,6 +65,7 @@ class EmmcRpmbCsr:
         self.start_block, self.nr_blocks = 0, 1
         self.expected_data = None
         self.faults = []
+        self.endless_writes = False
         self.authorised = []  # (serial, counter, data) of every authorised write
 
     def _take(self, fault):
@@ -124,14 +126,16 @@ class EmmcRpmbCsr:
         if require(sign, "dataType") != "CSR" or require(sign, "startBlock", int) != WRITE_BLOCK:
             raise bad_request(f"expected a CSR and start block {WRITE_BLOCK}")
         enrollment.csr = check_csr(require(sign, "sdata"), enrollment)
+        return self._authorise_write(enrollment, key, counter)
 
+    def _authorise_write(self, enrollment, key, counter):
         block = secrets.token_bytes(BLOCK)
         signed = (counter - 1) % 2**32 if self._take("stale_counter") else counter
         mac = rpmb_mac(key, [block], counter=signed, address=WRITE_BLOCK, count=1,
                        kind=WRITE_REQ)
         if self._take("bad_mac"):
             mac = bytes([mac[0] ^ 1]) + mac[1:]
-        enrollment.rpmb_write = block
+        enrollment.rpmb_write, enrollment.rpmb_counter = block, counter
         self.authorised.append((enrollment.device["serial"], counter, block))
         return {"status": "dataVerifyRequired",
                 **self._read_request(enrollment, WRITE_BLOCK, 1),
@@ -140,4 +144,7 @@ class EmmcRpmbCsr:
     def _verify(self, server, enrollment, body):
         if self._check_read(enrollment, body) != enrollment.rpmb_write:
             raise refused(f"RPMB block {WRITE_BLOCK} does not hold the authorised data")
+        if self.endless_writes:
+            return self._authorise_write(enrollment, self._key(enrollment),
+                                         enrollment.rpmb_counter + 1)
         return server.enrolled(enrollment, enrollment.csr)
