@@ -25,6 +25,7 @@ def status(sandbox):
     return json.loads(sandbox.status_file.read_text())
 
 
+@pytest.mark.arm64
 def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     server.extra_services = {"other": {"endpoint": "other.example"}}
     daemon = enroll(sandbox, start_daemon, server)
