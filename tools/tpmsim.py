@@ -110,10 +110,14 @@ class Swtpm:
 def default_tcti_env(directory):
     """Environment for the daemon that makes the TSS loader try the simulator before any
     TPM device of the machine: its first choice is a library named libtss2-tcti-default.so
-    on the loader path."""
-    link = Path(directory) / "libtss2-tcti-default.so"
-    if not link.exists():
-        target = subprocess.run(["sh", "-c", "ls /usr/lib/*/libtss2-tcti-swtpm.so.0 | head -1"],
-                                capture_output=True, text=True).stdout.strip()
-        link.symlink_to(target)
-    return {"LD_LIBRARY_PATH": str(directory)}
+    on the loader path. One subdirectory per installed architecture (the loader skips
+    libraries of another one), so that a daemon under an emulator finds its own."""
+    dirs = []
+    for target in sorted(Path("/usr/lib").glob("*/libtss2-tcti-swtpm.so.0")):
+        arch_dir = Path(directory) / target.parent.name
+        arch_dir.mkdir(exist_ok=True)
+        link = arch_dir / "libtss2-tcti-default.so"
+        if not link.is_symlink():
+            link.symlink_to(target)
+        dirs.append(str(arch_dir))
+    return {"LD_LIBRARY_PATH": ":".join(dirs)}

@@ -9,14 +9,21 @@ from enrollserver import EnrollServer, TestCA
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "root: needs root (skipped otherwise)")
+    config.addinivalue_line("markers", "arm64: the set run against the arm64 build under "
+                            "qemu-aarch64-static (pytest -m arm64)")
+    config.addinivalue_line("markers", "native(reason): cannot work under an emulator "
+                            "(skipped with the reason when ZEL_RUNNER is set)")
 
 
 def pytest_collection_modifyitems(items):
-    # The one way root-only tests are skipped: the `root` marker.
+    # The ways tests are skipped: the `root` marker, and `native` under an emulator.
     skip = pytest.mark.skip(reason="needs root")
     for item in items:
         if item.get_closest_marker("root") and not zeltest.is_root():
             item.add_marker(skip)
+        native = item.get_closest_marker("native")
+        if native and zeltest.RUNNER:
+            item.add_marker(pytest.mark.skip(reason="native only: " + native.args[0]))
 
 
 @pytest.fixture(scope="session", autouse=True)

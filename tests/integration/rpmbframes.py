@@ -7,11 +7,12 @@ import os
 import struct
 import subprocess
 
-from zeltest import BUILD_DIR
+from zeltest import BUILD_DIR, TARGET, build_command
 
-RPMBSIM = BUILD_DIR / "tools" / "rpmbsim"
 SHIM = BUILD_DIR / "tests" / "shim" / "libmmc_shim.so"
 KEY = bytes(range(0x40, 0x60))
+NO_MMC_EMULATION = ("qemu-user does not translate the MMC ioctl, and the shim answering it "
+                    "is a native library preloaded into the program")
 
 COUNTER_READ, DATA_WRITE, DATA_READ = 2, 3, 4
 COUNTER_RSP, WRITE_RSP, READ_RSP = 0x200, 0x300, 0x400
@@ -47,8 +48,8 @@ def write_request(data, counter, address, key=KEY):
 
 def rpmbsim(*args, env=None, data=None):
     """Runs rpmbsim; returns the completed process (output as bytes)."""
-    return subprocess.run([str(RPMBSIM), *map(str, args)], input=data, capture_output=True,
-                          env=env, timeout=60)
+    return subprocess.run(build_command(TARGET, "tools/rpmbsim", *args), input=data,
+                          capture_output=True, env=env, timeout=60)
 
 
 def relay(base, requests, nrsp, env=None, args=()):

@@ -5,12 +5,12 @@ import subprocess
 
 import pytest
 
-from zeltest import DAEMON
+from zeltest import TARGET, build_command
 
 
 def run(args, timeout=10):
     """Runs zelenrolld to completion; (exit code, standard output and error together)."""
-    done = subprocess.run([str(DAEMON), *map(str, args)], stdin=subprocess.DEVNULL,
+    done = subprocess.run(build_command(TARGET, "src/zelenrolld", *args), stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=timeout)
     return done.returncode, done.stdout.decode(errors="replace")
 

@@ -60,6 +60,7 @@ def network_manager(helpers):
     return emit
 
 
+@pytest.mark.arm64
 @pytest.mark.parametrize("flag,disabled", [("--disable", "true"), ("--enable", "false")])
 def test_disabled_property_and_diagnosis(sandbox, start_daemon, flag, disabled):
     daemon = start_daemon(sandbox.args(flag, "--protocol=noauth-csr"))

@@ -30,6 +30,7 @@ def squeezed(text):
     return re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda m: m.group(1) or "", text)
 
 
+@pytest.mark.arm64
 def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     server.extra_services = {"other": {"endpoint": "other.example"}}
     server.service_members = ('"ints": [0, -1, 9223372036854775807, -9223372036854775808], '

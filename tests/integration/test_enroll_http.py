@@ -19,6 +19,7 @@ def paths(server):
     return [record.path.rsplit("/", 1)[1] for record in server.requests]
 
 
+@pytest.mark.arm64
 def test_response_size_cap(sandbox, start_daemon, server):
     server.inject("/initiate", Fault.exact_size(131073))
     server.inject("/initiate", Fault.exact_size(131072))
@@ -29,6 +30,7 @@ def test_response_size_cap(sandbox, start_daemon, server):
     assert paths(server) == ["initiate", "initiate", "CSRVerify", "acknowledge"]
 
 
+@pytest.mark.arm64
 @pytest.mark.parametrize("code", [307, 308])
 def test_redirects_are_followed_with_the_body(sandbox, start_daemon, server, code):
     server.inject("/initiate", Fault.redirect(code, "/moved/initiate"))

@@ -8,10 +8,10 @@ import sys
 
 import pytest
 
-from rpmbframes import (DATA_READ, READ_RSP, SHIM, WRITE_RSP, fields, frame, mac, make_simulator,
-                        random_blocks, relay, rpmbsim, write_request)
+from rpmbframes import (DATA_READ, NO_MMC_EMULATION, READ_RSP, SHIM, WRITE_RSP, fields, frame,
+                        mac, make_simulator, random_blocks, relay, rpmbsim, write_request)
 
-pytestmark = pytest.mark.root
+pytestmark = [pytest.mark.root, pytest.mark.native(NO_MMC_EMULATION)]
 
 CONTENTS = random_blocks(512)
 RAWIO_ONLY, NO_CAPS = "0000000000020000", "0000000000000000"

@@ -12,6 +12,8 @@ from rpmbframes import (COUNTER_READ, COUNTER_RSP, DATA_READ, KEY, READ_RSP, WRI
                         frame, mac, make_simulator, random_blocks, relay, rpmbsim,
                         write_request)
 
+pytestmark = pytest.mark.arm64  # frames and MACs of the target's rpmbsim, byte for byte
+
 CONTENTS = random_blocks(512)
 
 

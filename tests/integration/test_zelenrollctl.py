@@ -57,6 +57,7 @@ def enrolled(sandbox, start_daemon, server):
     return daemon
 
 
+@pytest.mark.arm64
 def test_status_wait_diagnose_trigger_and_the_enrolled_signal(sandbox, start_daemon, server,
                                                               helpers):
     monitor = helpers(["gdbus", "monitor", "--system", "--dest", DBUS_NAME])
