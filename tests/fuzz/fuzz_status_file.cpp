@@ -25,18 +25,12 @@ bool load_and_save(const std::string& path, bool enabled, const std::string& cop
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_logging();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const fuzz::Scratch& scratch = fuzz::scratch();
-    const std::string path = scratch.write("status", data, size);
+    const std::string path = fuzz::write_file("status", data, size);
     // The configured flag differs from the stored one in about half of the inputs, which
     // makes the load rewrite the file.
     const bool enabled = size % 2;
-    const std::string first = scratch.file("first"), second = scratch.file("second");
+    const std::string first = fuzz::scratch_file("first"), second = fuzz::scratch_file("second");
     if (!load_and_save(path, enabled, first))
         return 0;
     if (!load_and_save(first, enabled, second)) {
