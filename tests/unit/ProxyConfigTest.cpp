@@ -3,9 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "LogCapture.h"
 #include "ProxyConfig.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
