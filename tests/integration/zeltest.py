@@ -1,9 +1,6 @@
-"""Helpers shared by the black-box tests of zelenrolld.
-
-Where the binaries are, free loopback ports, temporary sandboxes with branding and key files,
-and a runner for the daemon that captures its output and always cleans up after itself.
-Every wait here is bounded in time.
-"""
+# Helpers shared by the black-box tests of zelenrolld: where the binaries are, sandboxes
+# with branding and key files, and runners for the daemon and helper processes that capture
+# their output and always clean up after themselves. Every wait here is bounded in time.
 
 import json
 import os
@@ -45,19 +42,16 @@ def is_root():
 
 
 def free_port(host="127.0.0.1"):
-    """A TCP port nothing listens on at the moment (also good as an unused port)."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind((host, 0))
         return s.getsockname()[1]
 
 
-def message_re(text):
-    """A regex for a log line carrying exactly `text` (GLib's default handler or syslog)."""
+def message_re(text):  # a log line carrying exactly `text`
     return r"(: |\*\*: [0-9:.]+: )" + re.escape(text) + r"$"
 
 
-def proc_status(pid):
-    """/proc/PID/status as a dict of name to value text; empty when the process is gone."""
+def proc_status(pid):  # /proc/PID/status as a dict; empty when the process is gone
     try:
         with open(f"/proc/{pid}/status") as f:
             return dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
@@ -66,7 +60,6 @@ def proc_status(pid):
 
 
 def process_alive(pid):
-    """True while `pid` exists and is no zombie."""
     state = proc_status(pid).get("State", "")
     return bool(state) and not state.startswith("Z")
 
@@ -78,8 +71,7 @@ def is_zelenrolld(pid):
         return False
 
 
-def wait_until(predicate, timeout, interval=0.02):
-    """Polls `predicate` until it is true or `timeout` seconds passed; its last result."""
+def wait_until(predicate, timeout, interval=0.02):  # the predicate's last result
     deadline = time.monotonic() + timeout
     while True:
         result = predicate()
@@ -113,17 +105,18 @@ def namespace_command(command, mounts):
 class LogLines:
     """The output lines of a process, filled by a reader thread, safe to read while filled."""
 
-    def __init__(self):
+    def __init__(self, stream):
         self._lines = []
         self._cond = threading.Condition()
         self.closed = False
+        self.reader = threading.Thread(target=self._read, args=(stream,), daemon=True)
+        self.reader.start()
 
-    def append(self, line):
-        with self._cond:
-            self._lines.append(line)
-            self._cond.notify_all()
-
-    def close(self):
+    def _read(self, stream):
+        for raw in stream:
+            with self._cond:
+                self._lines.append(raw.decode(errors="replace").rstrip("\n"))
+                self._cond.notify_all()
         with self._cond:
             self.closed = True
             self._cond.notify_all()
@@ -140,8 +133,7 @@ class LogLines:
         return sum(1 for line in self.lines() if pattern.search(line))
 
     def wait_for(self, regex, timeout=5.0, start=0):
-        """The first match of `regex` in a line from index `start` on, waiting up to
-        `timeout` seconds for it; None when it did not come."""
+        """The first match of `regex` in a line from index `start` on; None after `timeout`."""
         pattern = re.compile(regex)
         deadline = time.monotonic() + timeout
         index = start
@@ -178,9 +170,8 @@ class Daemon:
             PID_DIR.mkdir(parents=True, exist_ok=True)
             self.mounts[str(PID_DIR)] = str(self.pid_dir)
         self.binary = binary
-        self.log = LogLines()
+        self.log = None
         self.proc = None
-        self._reader = None
 
     def command(self, extra=()):
         args = list(self.args) + list(extra)
@@ -195,18 +186,11 @@ class Daemon:
         self.proc = subprocess.Popen(self.command(), stdin=subprocess.DEVNULL,
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                      env=env)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        self.log = LogLines(self.proc.stdout)
         return self
 
-    def _read(self):
-        for raw in self.proc.stdout:
-            self.log.append(raw.decode(errors="replace").rstrip("\n"))
-        self.log.close()
-
     @property
-    def pid(self):
-        """The PID of the started process (the parent in daemon mode)."""
+    def pid(self):  # of the started process (the parent in daemon mode)
         return self.proc.pid
 
     def output(self):
@@ -232,8 +216,7 @@ class Daemon:
             code = self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
             pytest.fail(f"zelenrolld did not exit within {timeout} s; output:\n" + self.output())
-        if self._reader:
-            self._reader.join(2)
+        self.log.reader.join(2)
         return code
 
     def running_pid(self):
@@ -281,8 +264,7 @@ class Daemon:
                 except subprocess.TimeoutExpired:
                     self.proc.kill()
                     self.proc.wait(timeout)
-            if self._reader:
-                self._reader.join(2)
+            self.log.reader.join(2)
             return self.proc.returncode
         pid = self.running_pid()
         if not pid:
@@ -312,8 +294,7 @@ class Daemon:
                 os.kill(pid, signal.SIGKILL)
                 wait_until(lambda: not process_alive(pid), 5)
         if self.proc and self.proc.stdout:
-            if self._reader:
-                self._reader.join(2)
+            self.log.reader.join(2)
             self.proc.stdout.close()
 
 
@@ -486,18 +467,11 @@ class Process:
     """A helper process whose output lines are collected in `log` (LogLines)."""
 
     def __init__(self, command, env=None):
-        self.log = LogLines()
         self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT, env=env)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for raw in self.proc.stdout:
-            self.log.append(raw.decode(errors="replace").rstrip("\n"))
-        self.log.close()
+        self.log = LogLines(self.proc.stdout)
 
     def stop(self):
         childproc.stop(self.proc)
-        self._reader.join(2)
+        self.log.reader.join(2)
         self.proc.stdout.close()
