@@ -1,4 +1,4 @@
-"""Start-up of zelenrolld: command line, option checks and the foreground run."""
+# Start-up of zelenrolld: command line, option checks and the foreground run.
 
 import re
 import subprocess
@@ -9,14 +9,14 @@ from zeltest import DAEMON, SOURCE_DIR
 
 
 def run(args, timeout=10):
-    """Runs zelenrolld to completion; (exit code, standard output and error together)."""
+    # Runs zelenrolld to completion; (exit code, standard output and error together).
     done = subprocess.run([str(DAEMON), *map(str, args)], stdin=subprocess.DEVNULL,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=timeout)
     return done.returncode, done.stdout.decode(errors="replace")
 
 
 def options(text, line_re):
-    """{long option: short option or None} of the lines of `text` that match `line_re`."""
+    # {long option: short option or None} of the lines of `text` that match `line_re`.
     found = {}
     for line in text.splitlines():
         if re.match(line_re, line):

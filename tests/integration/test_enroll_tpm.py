@@ -1,5 +1,5 @@
-""""tpm2-authkey-csr" enrollments of the real daemon against the reference server and a TPM
-simulator (one per test, in the test's own network namespace)."""
+# "tpm2-authkey-csr" enrollments of the real daemon against the reference server and a TPM
+# simulator (one per test, in the test's own network namespace).
 
 import base64
 import hashlib

@@ -1,11 +1,10 @@
-"""The daemon against a hostile enrollment server and a hostile system: redirects of every
-kind, bodies that never end or inflate, floods of headers, resets, silence, bodies of every
-shape, broken status files, full and read-only file systems, and kills at any moment.
-
-Every case must end in the daemon's exact message, with the daemon still running and the
-next attempt still made (and then enrolling, where the server lets it). The cases of the
-table run side by side, each with its own server, sandbox and daemon, to keep the run short.
-"""
+# The daemon against a hostile enrollment server and a hostile system: redirects of every
+# kind, bodies that never end or inflate, floods of headers, resets, silence, bodies of every
+# shape, broken status files, full and read-only file systems, and kills at any moment.
+#
+# Every case must end in the daemon's exact message, with the daemon still running and the
+# next attempt still made (and then enrolling, where the server lets it). The cases of the
+# table run side by side, each with its own server, sandbox and daemon, to keep the run short.
 
 import json
 import random
@@ -62,9 +61,9 @@ def status_kept(box, detail):
 
 @dataclass
 class Case:
-    """One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
-    `messages` the daemon's lines in order (texts, or regexes), or a function of the
-    sandbox giving them. `enrolls`: the attempt after the fault enrolls the device."""
+    # One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
+    # `messages` the daemon's lines in order (texts, or regexes), or a function of the
+    # sandbox giving them. `enrolls`: the attempt after the fault enrolls the device.
     id: str
     faults: list = field(default_factory=list)
     messages: object = ()
@@ -94,7 +93,7 @@ def status_bad_kept(original):
 
 
 def acknowledged_once(run):
-    """Only the second attempt's acknowledgement reached the server, and it alone enrolled."""
+    # Only the second attempt's acknowledgement reached the server, and it alone enrolled.
     assert all(r.method == "POST" for r in run.server.requests)
     assert len(run.server.acknowledgements) == 1 and run.daemon.log.count(DONE) == 1
 
@@ -209,7 +208,7 @@ CASES = [
 
 
 class Run:
-    """One case under way: its server, sandbox and daemon."""
+    # One case under way: its server, sandbox and daemon.
 
     def __init__(self, case, ca, env):
         self.case = case

@@ -1,6 +1,6 @@
-"""The eMMC RPMB device code path, with the MMC ioctl answered by the preloaded shim from a
-simulated RPMB: the commands sent, the capability raised only around them, and the frames
-and MACs that come back."""
+# The eMMC RPMB device code path, with the MMC ioctl answered by the preloaded shim from a
+# simulated RPMB: the commands sent, the capability raised only around them, and the frames
+# and MACs that come back.
 
 import os
 import pytest
