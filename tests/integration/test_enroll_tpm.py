@@ -68,14 +68,6 @@ def test_tpm_proof_refused(sandbox, start_daemon, swtpm, tpm_server, knob, value
     assert_no_tpm_leaks(swtpm)
 
 
-def test_server_refuses_hmac_without_nul(sandbox, start_daemon, swtpm, tpm_server):
-    tpm_server.protocol("tpm2-authkey-csr").wrong_hmac = True
-    daemon = start(sandbox, start_daemon, tpm_server)
-    tpm_server.wait_for_request("/initiate", count=2)
-    assert "acknowledge" not in paths(tpm_server) and "CSRVerify" in paths(tpm_server)
-    assert not daemon.has_message(DONE)
-
-
 def test_no_tpm_then_simulator(sandbox, start_daemon, swtpm, tpm_server):
     if tpmsim.real_tpm_present():
         pytest.skip("a TPM device of this machine would answer instead")
