@@ -39,10 +39,12 @@ class LogCapture {
     std::vector<Entry> entries;
 
   private:
-    static void record(const char* domain, GLogLevelFlags level, const char* message, gpointer self) {
+    static void record(const char* domain, GLogLevelFlags level, const char* message,
+                       gpointer self) {
         const std::string prefix = domain && *domain ? std::string(domain) + ": " : "";
         static_cast<LogCapture*>(self)->entries.push_back(
-            {static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK), prefix + (message ? message : "")});
+            {static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK),
+             prefix + (message ? message : "")});
     }
     GLogFunc previous = nullptr;
 };
