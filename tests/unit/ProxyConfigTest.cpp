@@ -45,17 +45,6 @@ TEST_F(ProxyConfigTest, LoadsTheLastProxyElementWithAPortFromOneTo65534) {
     }
 }
 
-TEST_F(ProxyConfigTest, MissingFileMeansNoProxyUnparsableFileFails) {
-    ProxyConfig config = proxy("stale");
-    EXPECT_TRUE(config.load(tmp.file("none").c_str()));
-    EXPECT_EQ(config.uri(), "direct://");
-    const std::string broken = tmp.write("broken.conf", "<proxyconf><proxy server=");
-    EXPECT_FALSE(config.load(broken.c_str()));
-    EXPECT_TRUE(
-        log.logged(G_LOG_LEVEL_WARNING, "failed parsing proxy config file '" + broken + "'"))
-        << log.dump();
-}
-
 TEST(ProxyConfigUri, HostsAndUserInfoAreEscaped) {
     EXPECT_EQ(proxy("[fe80::1]").uri(), "http://[fe80::1]:8080");
     EXPECT_EQ(proxy("fe80::1").uri(), "http://[fe80::1]:8080");
