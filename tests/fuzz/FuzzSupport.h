@@ -61,7 +61,13 @@ inline GLogWriterOutput log_writer(GLogLevelFlags level, const GLogField* fields
 // A path in the run's scratch directory, which is removed at exit.
 inline std::string scratch_file(const std::string& name) {
     static const struct Dir {
-        Dir() : path(GCharPtr(g_dir_make_tmp("zelfuzz-XXXXXX", nullptr)).get()) {}
+        Dir() : path(make()) {}
+        static std::string make() {
+            const GCharPtr dir(g_dir_make_tmp("zelfuzz-XXXXXX", nullptr));
+            if (!dir)
+                abort();
+            return dir.get();
+        }
         ~Dir() { std::filesystem::remove_all(path); }
         const std::string path;
     } dir;
