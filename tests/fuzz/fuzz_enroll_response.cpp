@@ -5,11 +5,6 @@
 #include "EnrollerMessages.h"
 #include "FuzzSupport.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_logging();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0)  // the engine refuses an empty body before parsing it
         return 0;

@@ -1,6 +1,6 @@
 // Response frames of an RPMB card, as the counter read, the authenticated read and the
-// authenticated write check them. A card stand-in answers with the fuzzer's bytes and
-// records what it was asked, which must be what the operation promises.
+// authenticated write check them. A card stand-in answers with the fuzzer's bytes; what
+// each operation makes of them must be what it promises.
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -17,9 +17,8 @@ class ScriptedCard : public RPMB {
     ScriptedCard(const uint8_t* data, size_t size, bool fail)
         : data(data), size(size), fail(fail) {}
 
-    int do_op(const Frame* req, unsigned long nreq, Frame* rsp, unsigned long nrsp) override {
+    int do_op(const Frame*, unsigned long, Frame* rsp, unsigned long nrsp) override {
         ++calls;
-        requests.assign(req, req + nreq);
         responses = nrsp;
         if (fail) {
             errno = EIO;
@@ -35,7 +34,6 @@ class ScriptedCard : public RPMB {
     size_t size;
     bool fail;
     int calls = 0;
-    std::vector<Frame> requests;
     unsigned long responses = 0;
     std::vector<Frame> answers;
 };
@@ -62,8 +60,7 @@ void read_counter(ScriptedCard& card, bool with_nonce) {
     unsigned char mac[RPMB::MAC_SIZE] = {};
     const int rc = card.read_counter(with_nonce ? nonce : nullptr, &counter, mac);
     const int saved_errno = errno;
-    check(card.calls == 1 && card.requests.size() == 1 && card.responses == 1);
-    check(card.requests[0].type() == RPMB::TYPE_COUNTER_READ);
+    check(card.calls == 1 && card.responses == 1);
     check_result(card, rc, saved_errno, RPMB::TYPE_COUNTER_READ_RSP);
     if (rc >= 0)
         check(counter == card.answers[0].write_counter() &&
@@ -80,10 +77,7 @@ void read(ScriptedCard& card, unsigned long address, unsigned long count, bool w
         check(rc == 0 && card.calls == 0);
         return;
     }
-    check(card.calls == 1 && card.requests.size() == 1 && card.responses == count);
-    const Frame& request = card.requests[0];
-    check(request.type() == RPMB::TYPE_DATA_READ && request.block_count() == 0 &&
-          request.address() == static_cast<uint16_t>(address));
+    check(card.calls == 1 && card.responses == count);
     check_result(card, rc, saved_errno, RPMB::TYPE_DATA_READ_RSP);
     if (rc < 0)
         return;
@@ -105,15 +99,7 @@ void write(ScriptedCard& card, unsigned long address, unsigned long count) {
         check(card.calls == 0 && (count == 0 ? rc == 0 : rc == -1 && saved_errno == EINVAL));
         return;
     }
-    check(card.calls == 1 && card.requests.size() == count && card.responses == 1);
-    for (unsigned long i = 0; i < count; ++i) {
-        const Frame& request = card.requests[i];
-        check(request.type() == RPMB::TYPE_DATA_WRITE && request.block_count() == count &&
-              request.write_counter() == 42 && request.address() == static_cast<uint16_t>(address));
-        // Only the last frame carries the MAC.
-        const unsigned char zero[RPMB::MAC_SIZE] = {};
-        check(memcmp(request.mac, i + 1 == count ? mac : zero, sizeof mac) == 0);
-    }
+    check(card.calls == 1 && card.responses == 1);
     check_result(card, rc, saved_errno, RPMB::TYPE_DATA_WRITE_RSP);
     if (rc >= 0)
         check(rsp_counter == card.answers[0].write_counter() &&
@@ -122,11 +108,6 @@ void write(ScriptedCard& card, unsigned long address, unsigned long count) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_logging();
-    return 0;
-}
 
 // Input: operation and flags, a block count, a 16-bit address, then the response frames.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -23,7 +23,7 @@ const unsigned char kKey[RPMB::KEY_SIZE] = {0x5a, 0x31, 0x07, 0xc4};
 
 struct Simulated {
     Simulated() {
-        base = fuzz::scratch().file("rpmb");
+        base = fuzz::scratch_file("rpmb");
         const std::vector<unsigned char> key(kKey, kKey + sizeof kKey);
         if (!RPMBSimulator::create(base, key, RPMBSimulator::SIZE_UNIT) || !rpmb.open(base))
             abort();
@@ -60,12 +60,6 @@ void sign_write(std::vector<Frame>& frames) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::quiet_logging();
-    simulated();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 3)

@@ -1,4 +1,4 @@
-"""Fixtures of the black-box tests; the helpers themselves are in zeltest.py."""
+# Fixtures of the black-box tests; the helpers themselves are in zeltest.py.
 
 import pytest
 
@@ -34,7 +34,7 @@ def daemon_binary():
 
 @pytest.fixture(autouse=True)
 def buses(monkeypatch):
-    """Private system and session buses for every test, found through the environment."""
+    # Private system and session buses for every test, found through the environment.
     for name in ("DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"):
         monkeypatch.delenv(name, raising=False)
     started = zeltest.Buses().start()
@@ -53,7 +53,7 @@ def sandbox():
 
 @pytest.fixture
 def nobody_sandbox():
-    """A Sandbox handed to the user nobody, for runs with --user nobody (tests marked root)."""
+    # A Sandbox handed to the user nobody, for runs with --user nobody (tests marked root).
     box = zeltest.Sandbox(owner="nobody")
     yield box
     box.cleanup()
@@ -61,7 +61,7 @@ def nobody_sandbox():
 
 @pytest.fixture
 def start_daemon():
-    """start_daemon(args, **Daemon options): a started zeltest.Daemon, cleaned up after."""
+    # start_daemon(args, **Daemon options): a started zeltest.Daemon, cleaned up after.
     daemons = []
 
     def start(args, **kwargs):
@@ -76,7 +76,7 @@ def start_daemon():
 
 @pytest.fixture
 def identity(sandbox):
-    """identity(**IdentityFiles options): files whose `mounts` go to start_daemon (root)."""
+    # identity(**IdentityFiles options): files whose `mounts` go to start_daemon (root).
     made = []
 
     def make(**kwargs):
@@ -91,7 +91,7 @@ def identity(sandbox):
 
 @pytest.fixture
 def helpers():
-    """helpers(command): a started zeltest.Process, stopped at the end of the test."""
+    # helpers(command): a started zeltest.Process, stopped at the end of the test.
     started = []
 
     def start(command):
@@ -105,13 +105,13 @@ def helpers():
 
 @pytest.fixture(scope="session")
 def ca(tmp_path_factory):
-    """The test CA of the reference server, shared by all tests."""
+    # The test CA of the reference server, shared by all tests.
     return TestCA(tmp_path_factory.mktemp("ca"))
 
 
 @pytest.fixture
 def server(ca):
-    """A reference enrollment server on loopback (plain HTTP)."""
+    # A reference enrollment server on loopback (plain HTTP).
     srv = EnrollServer(ca).start()
     yield srv
     srv.stop()
@@ -119,7 +119,7 @@ def server(ca):
 
 @pytest.fixture
 def second_server(ca):
-    """Another one, on its own port and base path."""
+    # Another one, on its own port and base path.
     srv = EnrollServer(ca, base_path="/v2/enroll").start()
     yield srv
     srv.stop()
@@ -127,8 +127,8 @@ def second_server(ca):
 
 @pytest.fixture
 def swtpm():
-    """A started tpmsim.Swtpm in the test's own network namespace (root only); request it
-    before the servers so that they live in the namespace too."""
+    # A started tpmsim.Swtpm in the test's own network namespace (root only); request it
+    # before the servers so that they live in the namespace too.
     if not zeltest.is_root():
         pytest.skip("needs root (network namespace for the simulator's fixed port)")
     netns = tpmsim.NetNamespace()
@@ -142,13 +142,13 @@ def swtpm():
 
 @pytest.fixture
 def tpm_key(swtpm):
-    """(PEM public key, TPM name) of the daemon's future key, derived as a factory would."""
+    # (PEM public key, TPM name) of the daemon's future key, derived as a factory would.
     return swtpm.provision_public_key()
 
 
 @pytest.fixture
 def tpm_server(ca, swtpm, tpm_key):
-    """A "tpm2-authkey-csr" server knowing the TPM key of the sandbox's serial."""
+    # A "tpm2-authkey-csr" server knowing the TPM key of the sandbox's serial.
     srv = EnrollServer(ca, protocols=("tpm2-authkey-csr",)).start()
     srv.protocol("tpm2-authkey-csr").register("SN-TEST-1", tpm_key[0])
     yield srv

@@ -1,5 +1,5 @@
-"""RPMB frames and MACs computed here, independently of the C++ code, and a runner for
-`rpmbsim`, whose `frames` command relays raw frames to a simulated RPMB or a device."""
+# RPMB frames and MACs computed here, independently of the C++ code, and a runner for
+# `rpmbsim`, whose `frames` command relays raw frames to a simulated RPMB or a device.
 
 import hashlib
 import hmac
@@ -28,17 +28,17 @@ def frame(kind, data=b"", nonce=b"", counter=0, address=0, block_count=0, result
 
 
 def fields(f):
-    """(counter, address, block count, result, type) of a frame."""
+    # (counter, address, block count, result, type) of a frame.
     return struct.unpack_from(">IHHHH", f, 500)
 
 
 def mac(frames, key=KEY):
-    """The JEDEC MAC: HMAC-SHA256 over bytes 228 to 511 of each frame in turn."""
+    # The JEDEC MAC: HMAC-SHA256 over bytes 228 to 511 of each frame in turn.
     return hmac.new(key, b"".join(bytes(f[MAC_INPUT]) for f in frames), hashlib.sha256).digest()
 
 
 def write_request(data, counter, address, key=KEY):
-    """The frames of an authenticated write of len(data) / 256 blocks, MAC in the last."""
+    # The frames of an authenticated write of len(data) / 256 blocks, MAC in the last.
     count = len(data) // 256
     frames = [frame(DATA_WRITE, data[i * 256:(i + 1) * 256], counter=counter, address=address,
                     block_count=count) for i in range(count)]
@@ -47,14 +47,14 @@ def write_request(data, counter, address, key=KEY):
 
 
 def rpmbsim(*args, env=None, data=None):
-    """Runs rpmbsim; returns the completed process (output as bytes)."""
+    # Runs rpmbsim; returns the completed process (output as bytes).
     return subprocess.run(build_command(TARGET, "tools/rpmbsim", *args), input=data,
                           capture_output=True, env=env, timeout=60)
 
 
 def relay(base, requests, nrsp, env=None, args=()):
-    """Sends request frames through `rpmbsim frames`; the response frames, or None when the
-    operation itself failed."""
+    # Sends request frames through `rpmbsim frames`; the response frames, or None when the
+    # operation itself failed.
     run = rpmbsim("frames", base, nrsp, *args, env=env, data=b"".join(bytes(f) for f in requests))
     if run.returncode != 0:
         return None
@@ -64,7 +64,7 @@ def relay(base, requests, nrsp, env=None, args=()):
 
 
 def make_simulator(directory, contents=None):
-    """A simulated RPMB of 512 blocks with KEY, filled with `contents` when given."""
+    # A simulated RPMB of 512 blocks with KEY, filled with `contents` when given.
     base = directory / "rpmb"
     key_file = directory / "given.key"
     key_file.write_bytes(KEY)

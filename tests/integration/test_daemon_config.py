@@ -1,4 +1,4 @@
-"""How zelenrolld merges options, branding and system identity into its configuration."""
+# How zelenrolld merges options, branding and system identity into its configuration.
 
 import pytest
 
@@ -7,7 +7,7 @@ SUPPORTED = ("only 'emmc-rpmb-csr', 'tpm2-authkey-csr' and 'noauth-csr' enrollme
 
 
 def start_and_stop(start_daemon, args, **kwargs):
-    """Starts the daemon, waits for its main loop and stops it; the Daemon."""
+    # Starts the daemon, waits for its main loop and stops it; the Daemon.
     daemon = start_daemon(args, **kwargs)
     daemon.wait_ready()
     assert daemon.stop() == 0
@@ -15,7 +15,7 @@ def start_and_stop(start_daemon, args, **kwargs):
 
 
 def refused(start_daemon, args, message, **kwargs):
-    """Starts the daemon expecting it to stop with `message` and exit code 1."""
+    # Starts the daemon expecting it to stop with `message` and exit code 1.
     daemon = start_daemon(args, **kwargs)
     assert daemon.wait_exit() == 1, daemon.output()
     assert daemon.has_message(message), daemon.output()

@@ -1,4 +1,4 @@
-"""Running and stopping zelenrolld: signals, daemonising, the PID file and --kill."""
+# Running and stopping zelenrolld: signals, daemonising, the PID file and --kill.
 
 import os
 import signal

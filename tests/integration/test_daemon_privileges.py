@@ -1,4 +1,4 @@
-"""The user switch and the capabilities zelenrolld keeps."""
+# The user switch and the capabilities zelenrolld keeps.
 
 import pwd
 

@@ -1,5 +1,5 @@
-"""The daemon's D-Bus object, its NetworkManager watch and the system bus policy, on the
-private buses of the `buses` fixture."""
+# The daemon's D-Bus object, its NetworkManager watch and the system bus policy, on the
+# private buses of the `buses` fixture.
 
 import re
 import time
@@ -46,8 +46,8 @@ def as_user(user, command):
 
 @pytest.fixture
 def network_manager(helpers):
-    """python-dbusmock's NetworkManager on the private system bus; returns emit(signature,
-    value) sending NetworkManager's "StateChanged" from it."""
+    # python-dbusmock's NetworkManager on the private system bus; returns emit(signature,
+    # value) sending NetworkManager's "StateChanged" from it.
     helpers(["/usr/bin/python3", "-m", "dbusmock", "--template", "networkmanager"])
     assert wait_until(lambda: has_owner(NM_NAME), 10), "dbusmock NetworkManager did not start"
 

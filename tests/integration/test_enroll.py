@@ -1,4 +1,4 @@
-"""Full "noauth-csr" enrollments of the real daemon against the reference server."""
+# Full "noauth-csr" enrollments of the real daemon against the reference server.
 
 import json
 import re
@@ -11,7 +11,7 @@ DONE = "enrollment completed successfully"
 
 
 def enroll(sandbox, start_daemon, server, *extra, **kwargs):
-    """A daemon started against `server` that has completed one enrollment."""
+    # A daemon started against `server` that has completed one enrollment.
     daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **kwargs))
     daemon.wait_for_message(DONE, timeout=15)
     return daemon

@@ -1,5 +1,5 @@
-"""How the daemon treats what the enrollment server answers: size cap, redirects, content
-types, error objects, broken connections, unexpected responses, and the retry timing."""
+# How the daemon treats what the enrollment server answers: size cap, redirects, content
+# types, error objects, broken connections, unexpected responses, and the retry timing.
 
 import re
 import subprocess

@@ -1,4 +1,4 @@
-"""Enrollment through an HTTP proxy and over TLS."""
+# Enrollment through an HTTP proxy and over TLS.
 
 import base64
 from urllib.parse import urlsplit

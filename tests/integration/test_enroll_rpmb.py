@@ -1,4 +1,4 @@
-""""emmc-rpmb-csr" enrollments on a simulated RPMB and, as root, on the shim's device node."""
+# "emmc-rpmb-csr" enrollments on a simulated RPMB and, as root, on the shim's device node.
 
 import base64
 import json
@@ -73,7 +73,7 @@ def status(sandbox):
 @pytest.mark.parametrize("stored, device", [(0, 0), pytest.param(3, 7, marks=pytest.mark.arm64),
                                             (499, 499)])
 def test_rpmb_enrollment(sandbox, start_daemon, rpmb_server, rpmb, stored, device):
-    """The device's counter is saved before "/dataAuthenticate"; the write counts once."""
+    # The device's counter is saved before "/dataAuthenticate"; the write counts once.
     write_status(sandbox, stored)
     rpmb.counter = device
     rpmb_server.inject("/dataAuthenticate", Fault.delay(0.5))
@@ -156,7 +156,7 @@ GUARDS = [
 
 @pytest.mark.parametrize("counter, stamps, warning", GUARDS)
 def test_rpmb_write_guards(sandbox, start_daemon, rpmb_server, rpmb, counter, stamps, warning):
-    """A worn or busy RPMB is not written: no "/dataAuthenticate", the next try much later."""
+    # A worn or busy RPMB is not written: no "/dataAuthenticate", the next try much later.
     write_status(sandbox, counter, stamps)
     rpmb.counter = counter
     daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base, "--debug")
@@ -184,7 +184,7 @@ def test_rpmb_writes_held_to_the_rate_table_within_one_attempt(
 
 
 def test_worn_rpmb_is_never_written(sandbox, start_daemon, rpmb_server, rpmb):
-    """Not even a server that asks for the write straight away gets a worn RPMB written."""
+    # Not even a server that asks for the write straight away gets a worn RPMB written.
     write_status(sandbox, 501)
     rpmb.counter = 501
     rpmb_server.inject("/initiate", Fault.json({
@@ -210,7 +210,7 @@ REFUSALS = [("bad_mac", WRITE_REFUSED), ("stale_counter", WRITE_REFUSED),
 @pytest.mark.parametrize("fault, warning", REFUSALS)
 def test_refused_rpmb_proof_starts_over(sandbox, start_daemon, rpmb_server, rpmb, fault,
                                         warning):
-    """No "/dataVerify" and no write; the next attempt starts over and completes."""
+    # No "/dataVerify" and no write; the next attempt starts over and completes.
     rpmb_server.protocol(PROTO).faults = [fault]
     daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
     daemon.wait_for_log(re.escape(warning), timeout=10)
@@ -222,7 +222,7 @@ def test_refused_rpmb_proof_starts_over(sandbox, start_daemon, rpmb_server, rpmb
 @pytest.mark.arm64
 @pytest.mark.parametrize("blocks", [2**32, 70000, -1])
 def test_hostile_read_size_is_refused(sandbox, start_daemon, rpmb_server, rpmb, blocks):
-    """A read no device could answer is refused before anything is allocated, every time."""
+    # A read no device could answer is refused before anything is allocated, every time.
     rpmb_server.protocol(PROTO).nr_blocks = blocks
     daemon = start(sandbox, start_daemon, rpmb_server, rpmb.base)
     warning = (f"failed RPMB read of {blocks % 2**64} blocks @ 0 for dataAuthRequired enroll "
@@ -275,8 +275,8 @@ class MmcUtils:
 @pytest.mark.root
 @pytest.mark.native(NO_MMC_EMULATION)
 def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
-    """Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
-    mmc-utils, on the same node, agrees on the RPMB before and after."""
+    # Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
+    # mmc-utils, on the same node, agrees on the RPMB before and after.
     box = nobody_sandbox
     rpmb = Rpmb(box.root)
     node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"

@@ -1,6 +1,6 @@
-"""The installed tree: `cmake --install` into a scratch DESTDIR, then the units, bus policy,
-tmpfiles and sysusers entries, manual pages and binaries checked with the system's own
-tools."""
+# The installed tree: `cmake --install` into a scratch DESTDIR, then the units, bus policy,
+# tmpfiles and sysusers entries, manual pages and binaries checked with the system's own
+# tools.
 
 import os
 import pwd
@@ -39,7 +39,7 @@ def install(prefix, destdir=None):
 
 @pytest.fixture(scope="module")
 def usr(tmp_path_factory):
-    """The tree installed with prefix /usr into a DESTDIR; its usr directory."""
+    # The tree installed with prefix /usr into a DESTDIR; its usr directory.
     destdir = tmp_path_factory.mktemp("destdir")
     install("/usr", destdir)
     return destdir / "usr"
@@ -47,8 +47,8 @@ def usr(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def prefixed(tmp_path_factory):
-    """The tree installed under a real prefix, so that the units name binaries that exist
-    on this machine, as systemd-analyze verify requires."""
+    # The tree installed under a real prefix, so that the units name binaries that exist
+    # on this machine, as systemd-analyze verify requires.
     prefix = tmp_path_factory.mktemp("prefix") / "usr"
     install(prefix)
     return prefix
@@ -116,8 +116,8 @@ def test_installed_binaries_run(usr, binary, text):
 @pytest.mark.root
 def test_installed_daemon_switches_user_within_the_units_limits(usr, nobody_sandbox,
                                                                  start_daemon):
-    """The unit's capability bounding set and no-new-privileges are enough for the user
-    switch: the installed daemon run under them ends as its user with CAP_SYS_RAWIO."""
+    # The unit's capability bounding set and no-new-privileges are enough for the user
+    # switch: the installed daemon run under them ends as its user with CAP_SYS_RAWIO.
     unit = (usr / "lib/systemd/system/zelenrolld.service").read_text()
     caps = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.M).group(1).split()
     assert "NoNewPrivileges=yes" in unit.splitlines()

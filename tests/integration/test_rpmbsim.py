@@ -1,5 +1,5 @@
-"""The simulated RPMB through rpmbsim: MACs checked against an independent HMAC-SHA256,
-the file layout, provisioning and the tool's refusals."""
+# The simulated RPMB through rpmbsim: MACs checked against an independent HMAC-SHA256,
+# the file layout, provisioning and the tool's refusals.
 
 import os
 import re

@@ -1,4 +1,4 @@
-"""zelenrollctl against the real daemon on the private buses of the `buses` fixture."""
+# zelenrollctl against the real daemon on the private buses of the `buses` fixture.
 
 import contextlib
 import datetime

@@ -1,9 +1,6 @@
-"""Helpers shared by the black-box tests of zelenrolld.
-
-Where the binaries are, free loopback ports, temporary sandboxes with branding and key files,
-and a runner for the daemon that captures its output and always cleans up after itself.
-Every wait here is bounded in time.
-"""
+# Helpers shared by the black-box tests of zelenrolld: where the binaries are, sandboxes
+# with branding and key files, and runners for the daemon and helper processes that capture
+# their output and always clean up after themselves. Every wait here is bounded in time.
 
 import json
 import os
@@ -51,19 +48,16 @@ def is_root():
 
 
 def free_port(host="127.0.0.1"):
-    """A TCP port nothing listens on at the moment (also good as an unused port)."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind((host, 0))
         return s.getsockname()[1]
 
 
-def message_re(text):
-    """A regex for a log line carrying exactly `text` (GLib's default handler or syslog)."""
+def message_re(text):  # a log line carrying exactly `text`
     return r"(: |\*\*: [0-9:.]+: )" + re.escape(text) + r"$"
 
 
-def proc_status(pid):
-    """/proc/PID/status as a dict of name to value text; empty when the process is gone."""
+def proc_status(pid):  # /proc/PID/status as a dict; empty when the process is gone
     try:
         with open(f"/proc/{pid}/status") as f:
             return dict(line.rstrip("\n").split(":\t", 1) for line in f if ":\t" in line)
@@ -72,7 +66,6 @@ def proc_status(pid):
 
 
 def process_alive(pid):
-    """True while `pid` exists and is no zombie."""
     state = proc_status(pid).get("State", "")
     return bool(state) and not state.startswith("Z")
 
@@ -97,8 +90,7 @@ def is_zelenrolld(pid):
         return False
 
 
-def wait_until(predicate, timeout, interval=0.02):
-    """Polls `predicate` until it is true or `timeout` seconds passed; its last result."""
+def wait_until(predicate, timeout, interval=0.02):  # the predicate's last result
     deadline = time.monotonic() + timeout
     while True:
         result = predicate()
@@ -108,9 +100,9 @@ def wait_until(predicate, timeout, interval=0.02):
 
 
 def namespace_command(command, mounts):
-    """`command` run in a private mount namespace with `mounts` ({target: source}) bound
-    over the real paths; a source ("ro", path) binds read-only, ("full-tmpfs", size) mounts
-    a tmpfs of that size filled up. The final exec keeps the PID of the started process."""
+    # `command` run in a private mount namespace with `mounts` ({target: source}) bound
+    # over the real paths; a source ("ro", path) binds read-only, ("full-tmpfs", size) mounts
+    # a tmpfs of that size filled up. The final exec keeps the PID of the started process.
     if not mounts:
         return list(command)
     script = ["set -e"]
@@ -130,19 +122,20 @@ def namespace_command(command, mounts):
 
 
 class LogLines:
-    """The output lines of a process, filled by a reader thread, safe to read while filled."""
+    # The output lines of a process, filled by a reader thread, safe to read while filled.
 
-    def __init__(self):
+    def __init__(self, stream):
         self._lines = []
         self._cond = threading.Condition()
         self.closed = False
+        self.reader = threading.Thread(target=self._read, args=(stream,), daemon=True)
+        self.reader.start()
 
-    def append(self, line):
-        with self._cond:
-            self._lines.append(line)
-            self._cond.notify_all()
-
-    def close(self):
+    def _read(self, stream):
+        for raw in stream:
+            with self._cond:
+                self._lines.append(raw.decode(errors="replace").rstrip("\n"))
+                self._cond.notify_all()
         with self._cond:
             self.closed = True
             self._cond.notify_all()
@@ -159,8 +152,7 @@ class LogLines:
         return sum(1 for line in self.lines() if pattern.search(line))
 
     def wait_for(self, regex, timeout=5.0, start=0):
-        """The first match of `regex` in a line from index `start` on, waiting up to
-        `timeout` seconds for it; None when it did not come."""
+        # The first match of `regex` in a line from index `start` on; None after `timeout`.
         pattern = re.compile(regex)
         deadline = time.monotonic() + timeout
         index = start
@@ -178,13 +170,12 @@ class LogLines:
 
 
 class Daemon:
-    """Runs zelenrolld with `args`, in the foreground (--no-daemon is added) unless
-    `daemonize`. Standard output and error are captured together into `log`.
-
-    `mounts` ({target: source}) runs it in a private mount namespace with those bind
-    mounts. `pid_dir` (daemon mode) is bound over /var/run/zelenroll, so that the PID file
-    is private to the test: pass the same directory to a second instance or to kill().
-    """
+    # Runs zelenrolld with `args`, in the foreground (--no-daemon is added) unless
+    # `daemonize`. Standard output and error are captured together into `log`.
+    #
+    # `mounts` ({target: source}) runs it in a private mount namespace with those bind
+    # mounts. `pid_dir` (daemon mode) is bound over /var/run/zelenroll, so that the PID file
+    # is private to the test: pass the same directory to a second instance or to kill().
 
     def __init__(self, args, daemonize=False, env=None, mounts=None, pid_dir=None,
                  binary=DAEMON, runner=RUNNER):
@@ -198,9 +189,8 @@ class Daemon:
             self.mounts[str(PID_DIR)] = str(self.pid_dir)
         self.binary = binary
         self.runner = list(runner)
-        self.log = LogLines()
+        self.log = None
         self.proc = None
-        self._reader = None
 
     def command(self, extra=()):
         args = list(self.args) + list(extra)
@@ -215,25 +205,18 @@ class Daemon:
         self.proc = subprocess.Popen(self.command(), stdin=subprocess.DEVNULL,
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                      env=env)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        self.log = LogLines(self.proc.stdout)
         return self
 
-    def _read(self):
-        for raw in self.proc.stdout:
-            self.log.append(raw.decode(errors="replace").rstrip("\n"))
-        self.log.close()
-
     @property
-    def pid(self):
-        """The PID of the started process (the parent in daemon mode)."""
+    def pid(self):  # of the started process (the parent in daemon mode)
         return self.proc.pid
 
     def output(self):
         return self.log.text()
 
     def wait_for_log(self, regex, timeout=5.0, start=0):
-        """The match of `regex` in an output line; fails the test when none came in time."""
+        # The match of `regex` in an output line; fails the test when none came in time.
         match = self.log.wait_for(regex, timeout, start)
         if not match:
             pytest.fail(f"no line matching {regex!r} within {timeout} s; output:\n"
@@ -247,25 +230,24 @@ class Daemon:
         return self.log.count(message_re(text)) > 0
 
     def wait_exit(self, timeout=5.0):
-        """The exit code of the started process; fails the test when it did not exit."""
+        # The exit code of the started process; fails the test when it did not exit.
         try:
             code = self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
             pytest.fail(f"zelenrolld did not exit within {timeout} s; output:\n" + self.output())
-        if self._reader:
-            self._reader.join(2)
+        self.log.reader.join(2)
         return code
 
     def running_pid(self):
-        """The PID of the running daemon: the started process in the foreground, the PID
-        file's process in daemon mode; None when there is none."""
+        # The PID of the running daemon: the started process in the foreground, the PID
+        # file's process in daemon mode; None when there is none.
         if not self.daemonize:
             return self.pid if process_alive(self.pid) else None
         pid = read_pid_file(self.pid_dir or PID_DIR)
         return pid if pid and process_alive(pid) and is_zelenrolld(pid) else None
 
     def wait_ready(self, timeout=5.0):
-        """Waits until the daemon's main loop handles SIGINT and SIGTERM; returns its PID."""
+        # Waits until the daemon's main loop handles SIGINT and SIGTERM; returns its PID.
         if self.runner:
             pytest.skip("native only: an emulator catches every signal itself, so the "
                         "daemon's own handlers cannot be seen in /proc")
@@ -287,15 +269,15 @@ class Daemon:
         return result
 
     def status(self):
-        """/proc/PID/status of the running daemon."""
+        # /proc/PID/status of the running daemon.
         pid = self.running_pid()
         return proc_status(pid) if pid else {}
 
     def stop(self, sig=signal.SIGTERM, timeout=5.0):
-        """Stops the daemon with `sig`, then SIGKILL if it did not exit in time. Returns the
-        exit code (negative for a signal) in the foreground; in daemon mode, where the
-        daemon is not our child, 0 when it exited on `sig` and None when it had to be
-        killed or was not running."""
+        # Stops the daemon with `sig`, then SIGKILL if it did not exit in time. Returns the
+        # exit code (negative for a signal) in the foreground; in daemon mode, where the
+        # daemon is not our child, 0 when it exited on `sig` and None when it had to be
+        # killed or was not running.
         if not self.daemonize:
             if self.proc.poll() is None:
                 self.proc.send_signal(sig)
@@ -304,8 +286,7 @@ class Daemon:
                 except subprocess.TimeoutExpired:
                     self.proc.kill()
                     self.proc.wait(timeout)
-            if self._reader:
-                self._reader.join(2)
+            self.log.reader.join(2)
             return self.proc.returncode
         pid = self.running_pid()
         if not pid:
@@ -318,14 +299,14 @@ class Daemon:
         return None
 
     def kill(self, timeout=10.0):
-        """Runs `zelenrolld --kill` against this instance's PID file; (exit code, output)."""
+        # Runs `zelenrolld --kill` against this instance's PID file; (exit code, output).
         command = namespace_command(self.runner + [str(self.binary), "--kill"], self.mounts)
         done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=timeout)
         return done.returncode, done.stdout.decode(errors="replace")
 
     def cleanup(self):
-        """Leaves nothing running: the started process and, in daemon mode, the daemon."""
+        # Leaves nothing running: the started process and, in daemon mode, the daemon.
         if self.proc and self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait(5)
@@ -335,8 +316,7 @@ class Daemon:
                 os.kill(pid, signal.SIGKILL)
                 wait_until(lambda: not process_alive(pid), 5)
         if self.proc and self.proc.stdout:
-            if self._reader:
-                self._reader.join(2)
+            self.log.reader.join(2)
             self.proc.stdout.close()
 
 
@@ -348,7 +328,7 @@ def read_pid_file(directory=PID_DIR):
 
 
 def write_key(path, algorithm="EC"):
-    """A PEM private key made with openssl genpkey: "EC" (P-256, fast) or "RSA" (2048)."""
+    # A PEM private key made with openssl genpkey: "EC" (P-256, fast) or "RSA" (2048).
     options = (["-pkeyopt", "ec_paramgen_curve:P-256"] if algorithm == "EC"
                else ["-pkeyopt", "rsa_keygen_bits:2048"])
     subprocess.run(["openssl", "genpkey", "-algorithm", algorithm, *options, "-out", str(path)],
@@ -366,8 +346,8 @@ DEFAULT_BRANDING = {
 
 
 def write_branding(path, contents=None, **fields):
-    """A branding file: `contents` as raw text, or DEFAULT_BRANDING updated with `fields`
-    (a field set to None is left out)."""
+    # A branding file: `contents` as raw text, or DEFAULT_BRANDING updated with `fields`
+    # (a field set to None is left out).
     if contents is None:
         data = dict(DEFAULT_BRANDING)
         data.update(fields)
@@ -377,10 +357,10 @@ def write_branding(path, contents=None, **fields):
 
 
 class Sandbox:
-    """A temporary directory with everything the daemon touches: branding, key, status
-    file, services directory, PID directory, fixture files for identity. The enroll base
-    URL points at a loopback port nothing listens on. With `owner` (a user name) the
-    whole tree is handed to that user, for runs with --user."""
+    # A temporary directory with everything the daemon touches: branding, key, status
+    # file, services directory, PID directory, fixture files for identity. The enroll base
+    # URL points at a loopback port nothing listens on. With `owner` (a user name) the
+    # whole tree is handed to that user, for runs with --user.
 
     def __init__(self, owner=None):
         self.root = Path(tempfile.mkdtemp(prefix="zel-"))
@@ -407,7 +387,7 @@ class Sandbox:
                 os.chown(os.path.join(directory, name), entry.pw_uid, entry.pw_gid)
 
     def write(self, name, contents):
-        """A fixture file in the sandbox (parents made)."""
+        # A fixture file in the sandbox (parents made).
         path = self.root / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(contents)
@@ -425,9 +405,9 @@ class Sandbox:
 
     def args(self, *extra, serial="SN-TEST-1", fwver="1.0", base_url=True, user=None,
              branding=None):
-        """The safe argument list: sandbox paths, no proxy, no user switch unless `user`,
-        a given serial and firmware version (None leaves them to the system) and the
-        unused base URL (False leaves it to the branding). `extra` comes last."""
+        # The safe argument list: sandbox paths, no proxy, no user switch unless `user`,
+        # a given serial and firmware version (None leaves them to the system) and the
+        # unused base URL (False leaves it to the branding). `extra` comes last.
         args = [f"--branding={branding or self.branding}", f"--key={self.key}",
                 f"--status-file={self.status_file}", f"--services-dir={self.services_dir}",
                 "--proxy="]
@@ -445,10 +425,10 @@ class Sandbox:
 
 
 class IdentityFiles:
-    """Fixture files standing in for the system's identity sources inside a private mount
-    namespace: pass `mounts` to Daemon. The identifiers file is replaced by binding a
-    directory over /etc/corvanta (made, empty, only if missing, and removed again by
-    cleanup()), so that it can also be absent."""
+    # Fixture files standing in for the system's identity sources inside a private mount
+    # namespace: pass `mounts` to Daemon. The identifiers file is replaced by binding a
+    # directory over /etc/corvanta (made, empty, only if missing, and removed again by
+    # cleanup()), so that it can also be absent.
 
     CORVANTA_DIR = Path("/etc/corvanta")
 
@@ -477,8 +457,8 @@ class IdentityFiles:
 
 
 def gdbus(*args, bus="system", user=None, timeout=10):
-    """`gdbus ARGS --system|--session`, as `user` if given (through setpriv); the finished
-    process with its text output."""
+    # `gdbus ARGS --system|--session`, as `user` if given (through setpriv); the finished
+    # process with its text output.
     command = ["gdbus", args[0], f"--{bus}", *[str(a) for a in args[1:]]]
     if user:
         import pwd
@@ -490,7 +470,7 @@ def gdbus(*args, bus="system", user=None, timeout=10):
 
 
 def enroller_call(method, *args, bus="system", user=None):
-    """Calls `method` (INTERFACE.MEMBER, or a member of the daemon's interface)."""
+    # Calls `method` (INTERFACE.MEMBER, or a member of the daemon's interface).
     if "." not in method:
         method = f"{DBUS_INTERFACE}.{method}"
     return gdbus("call", "--dest", DBUS_NAME, "--object-path", DBUS_PATH, "--method", method,
@@ -498,7 +478,7 @@ def enroller_call(method, *args, bus="system", user=None):
 
 
 def enroller_property(name, bus="system", user=None):
-    """The daemon's property `name` as gdbus prints it ("true"/"false"); None on failure."""
+    # The daemon's property `name` as gdbus prints it ("true"/"false"); None on failure.
     done = enroller_call("org.freedesktop.DBus.Properties.Get", DBUS_INTERFACE, name, bus=bus,
                          user=user)
     match = re.fullmatch(r"\(<(.*)>,\)", done.stdout.strip())
@@ -506,21 +486,14 @@ def enroller_property(name, bus="system", user=None):
 
 
 class Process:
-    """A helper process whose output lines are collected in `log` (LogLines)."""
+    # A helper process whose output lines are collected in `log` (LogLines).
 
     def __init__(self, command, env=None):
-        self.log = LogLines()
         self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT, env=env)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for raw in self.proc.stdout:
-            self.log.append(raw.decode(errors="replace").rstrip("\n"))
-        self.log.close()
+        self.log = LogLines(self.proc.stdout)
 
     def stop(self):
         childproc.stop(self.proc)
-        self._reader.join(2)
+        self.log.reader.join(2)
         self.proc.stdout.close()

@@ -7,11 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "Certificate.h"
 #include "CertificateSignRequest.h"
-#include "Command.h"
 #include "Key.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -30,11 +28,8 @@ class CryptoTest : public testing::Test {
         ASSERT_FALSE(dir->path.empty());
         ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
                          "rsa_keygen_bits:2048", "-out", path("rsa.key")}));
-        for (const char* name : {"ec.key", "ec2.key"})
-            ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
-                             "ec_paramgen_curve:P-256", "-out", path(name)}));
-        ASSERT_TRUE(run({"openssl", "req", "-x509", "-new", "-key", path("ec.key"), "-subj",
-                         "/CN=ec", "-days", "1", "-out", path("ec.pem")}));
+        ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
+                         "ec_paramgen_curve:P-256", "-out", path("ec.key")}));
         dir->write("garbage.key", "not a key\n");
         ASSERT_TRUE(run({"openssl", "pkey", "-in", path("ec.key"), "-aes128", "-passout",
                          "pass:secret", "-out", path("encrypted.key")}));
@@ -77,19 +72,6 @@ TEST_F(CryptoTest, ToolVerifiesRequestForRsaAndEcKeys) {
     }
 }
 
-TEST_F(CryptoTest, RequestWithoutKeyNestsTheKeyMessage) {
-    CertificateSignRequest csr;
-    EXPECT_EQ(csr.get_pem(), "");
-    EXPECT_EQ(csr.error, "no certificate signing request loaded");
-
-    const std::string missing = path("missing.key");
-    EXPECT_FALSE(csr.create(missing.c_str(), kDevice));
-    EXPECT_EQ(csr.error, "failed to load private key file '" + missing +
-                             "': failed to open private key file '" + missing + ": " +
-                             g_strerror(ENOENT));
-    EXPECT_FALSE(csr.req);
-}
-
 TEST_F(CryptoTest, KeyPublicPemAndFailedLoads) {
     Key key;
     for (const char* name : {"rsa.key", "ec.key"}) {
@@ -105,21 +87,6 @@ TEST_F(CryptoTest, KeyPublicPemAndFailedLoads) {
     EXPECT_EQ(key.get_public_pem(), "");
     // nobody is there to give a pass phrase: fail rather than prompt
     EXPECT_FALSE(key.load_private_pem(path("encrypted.key").c_str()));
-}
-
-TEST_F(CryptoTest, CertificateMatchesOnlyItsKey) {
-    Certificate cert;
-    ASSERT_TRUE(cert.load_pem_file(path("ec.pem").c_str())) << cert.error;
-    Key key;
-    ASSERT_TRUE(key.load_private_pem(path("ec.key").c_str()));
-    EXPECT_TRUE(cert.check_private_key(key)) << cert.error;
-    EXPECT_TRUE(cert.check_private_key(path("ec.key").c_str())) << cert.error;
-
-    // a key of the same type with other values, and a key of another type
-    for (const char* other : {"ec2.key", "rsa.key"}) {
-        EXPECT_FALSE(cert.check_private_key(path(other).c_str())) << other;
-        EXPECT_TRUE(starts_with(cert.error, "cert and private key mismatch: ")) << cert.error;
-    }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "EnrollerMessages.h"
-#include "LogCapture.h"
 
 namespace {
 
@@ -58,17 +57,6 @@ TEST(EnrollResponseRead, MemberErrorsAreReported) {
         EnrollResponse response;
         EXPECT_EQ(read(json, response), error) << json;
     }
-}
-
-TEST(ErrorResponseRead, NonObjectGivesStatusZeroAndADebugLine) {
-    LogCapture logs;
-    ErrorResponse error;
-    read("[1]", error);
-    EXPECT_EQ(error.statusCode, 0);
-    EXPECT_TRUE(logs.logged(G_LOG_LEVEL_DEBUG,
-                            "problem parsing error object: expected object in JSON but got "
-                            "JsonArray"))
-        << logs.dump();
 }
 
 TEST(RequestWire, DataAuthenticateBodyTakesACounterBeyondInt32) {

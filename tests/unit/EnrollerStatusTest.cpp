@@ -9,9 +9,8 @@
 
 #include "BadEscapes.h"
 #include "EnrollerStatus.h"
-#include "LogCapture.h"
 #include "SysUtils.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -36,7 +35,6 @@ class StatusFile : public ::testing::Test {
 
     TempDir tmp;
     const std::string path = tmp.file("status");
-    LogCapture logs;
 };
 
 }  // namespace
@@ -63,22 +61,6 @@ TEST_F(StatusFile, LoadAndSaveKeepTheDocumentedFormat) {
     EXPECT_EQ(contents().back(), '\n');
 }
 
-TEST_F(StatusFile, MissingWriteCounterIsReportedAndWhatWasReadKept) {
-    const std::string text = R"({"enrolled":true,"enabled":false,"lastEnrollBaseURL":"u",)"
-                             R"("rpmb":{"writeTStamps":["2023-11-14T22:15:00Z"]}})";
-    write(text);
-    EnrollerStatus status(path);
-    EXPECT_FALSE(status.load(true));
-    EXPECT_TRUE(logs.logged(G_LOG_LEVEL_WARNING,
-                            "ignoring invalid data in enroller status file: missing member "
-                            "'writeCounter'"))
-        << logs.dump();
-    EXPECT_EQ(serialised(status), R"({"enrolled":true,"enabled":true,"lastEnrollBaseURL":"u",)"
-                                  R"("rpmb":{"writeCounter":0,)"
-                                  R"("writeTStamps":["2023-11-14T22:15:00Z"]}})");
-    EXPECT_EQ(contents(), text) << "an invalid file must not be rewritten";
-}
-
 TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
     for (const char* doc : kBadSurrogateDocuments) {
         write(doc);
@@ -89,18 +71,6 @@ TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
                                     path + ": " + path + kBadSurrogate))
             << logs.dump();
     }
-}
-
-TEST_F(StatusFile, MissingFileResetsToDefaultsAndWritesThem) {
-    EnrollerStatus status(path);
-    status.enrolled = true;
-    status.rpmb.writeCounter = 9;
-    EXPECT_TRUE(status.load(true));
-    EXPECT_TRUE(logs.logged(G_LOG_LEVEL_MESSAGE, "enroller status file " + path +
-                                                     " does not exist, saving default state"))
-        << logs.dump();
-    EXPECT_EQ(squeezed(contents()),
-              R"({"enrolled":false,"enabled":true,"rpmb":{"writeCounter":0,"writeTStamps":[]}})");
 }
 
 TEST(RPMBWriteHistory, RecordsAndCountsWrites) {

@@ -3,9 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "LogCapture.h"
 #include "ProxyConfig.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -44,17 +43,6 @@ TEST_F(ProxyConfigTest, LoadsTheLastProxyElementWithAPortFromOneTo65534) {
         EXPECT_FALSE(config.enabled) << port;
         EXPECT_EQ(config.uri(), "direct://") << port;
     }
-}
-
-TEST_F(ProxyConfigTest, MissingFileMeansNoProxyUnparsableFileFails) {
-    ProxyConfig config = proxy("stale");
-    EXPECT_TRUE(config.load(tmp.file("none").c_str()));
-    EXPECT_EQ(config.uri(), "direct://");
-    const std::string broken = tmp.write("broken.conf", "<proxyconf><proxy server=");
-    EXPECT_FALSE(config.load(broken.c_str()));
-    EXPECT_TRUE(
-        log.logged(G_LOG_LEVEL_WARNING, "failed parsing proxy config file '" + broken + "'"))
-        << log.dump();
 }
 
 TEST(ProxyConfigUri, HostsAndUserInfoAreEscaped) {

@@ -4,74 +4,19 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-#include "LogCapture.h"
-#include "RPMBAuth.h"
 #include "RPMBDevice.h"
 #include "RPMBSimulator.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 namespace {
 
 using Frame = RPMB::Frame;
 using Frames = std::vector<Frame>;
 
-const std::vector<unsigned char> kKey = [] {
-    std::vector<unsigned char> key(32);
-    for (size_t i = 0; i < key.size(); ++i)
-        key[i] = static_cast<unsigned char>(0xA0 + i);
-    return key;
-}();
-
-std::string file_bytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-TEST(RPMBSimulator, CounterPersistsAcrossReopen) {
-    TempDir dir;
-    const std::string base = dir.file("rpmb");
-    ASSERT_TRUE(RPMBSimulator::create(base, kKey, 0x20000));
-    RPMBSimulator sim;
-    ASSERT_TRUE(sim.open(base));
-    RPMBAuth auth{kKey.data()};
-    std::vector<unsigned char> data(256, 1);
-    ASSERT_TRUE(auth.new_write_req_mac(data.data(), 0, 8, 1));
-    ASSERT_EQ(sim.write(8, 1, 0, data.data(), auth.mac, nullptr, nullptr, nullptr), 0);
-    sim.close();
-    EXPECT_EQ(file_bytes(base + ".wrctr"), std::string("\0\0\0\1", 4));
-    RPMBSimulator again;
-    ASSERT_TRUE(again.open(base));
-    unsigned int value = 0;
-    EXPECT_EQ(again.read_counter(nullptr, &value, nullptr), 0);
-    EXPECT_EQ(value, 1u);
-    EXPECT_FALSE(again.open(base)) << "a second open of an open simulator";
-}
-
-TEST(RPMBSimulator, CreateAndOpenRules) {
-    TempDir dir;
-    for (const unsigned long size : {0x20000ul, 0x1000000ul}) {
-        ASSERT_TRUE(RPMBSimulator::create(dir.file("ok"), kKey, size)) << size;
-        EXPECT_EQ(file_bytes(dir.file("ok.data")), std::string(size, '\0'));
-        EXPECT_EQ(file_bytes(dir.file("ok.wrctr")), std::string(4, '\0'));
-        EXPECT_EQ(file_bytes(dir.file("ok.key")), std::string(kKey.begin(), kKey.end()));
-    }
-    for (const unsigned long size : {0ul, 0x20001ul, 0x1020000ul})
-        EXPECT_FALSE(RPMBSimulator::create(dir.file("bad"), kKey, size)) << size;
-    EXPECT_FALSE(RPMBSimulator::create(dir.file("bad"), {kKey.begin(), kKey.end() - 1}, 0x20000));
-    EXPECT_FALSE(RPMBSimulator::create(dir.file("missing/x"), kKey, 0x20000));
-
-    RPMBSimulator sim;
-    errno = 0;
-    EXPECT_FALSE(sim.open(dir.file("bad")));
-    EXPECT_EQ(errno, ENOENT);
-    dir.write("ok.key", std::string(31, 'k'));
-    EXPECT_FALSE(sim.open(dir.file("ok"))) << "short key file";
-}
+const std::vector<unsigned char> kKey(32, 0xA0);
 
 // Both back ends refuse the same malformed operations before touching anything; a device
 // that is not open then fails only in the ioctl itself.

@@ -3,17 +3,14 @@
 #include <gio/gio.h>
 #include <glib.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "Command.h"
-#include "LogCapture.h"
 #include "TPM2.h"
 #include "TPM2Helpers.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 
 // The TPM tests need a TPM simulator reachable through the default TCTI; CTest runs them
 // through tests/with-swtpm, which gives each test its own.
@@ -36,26 +33,6 @@ class TPM2Test : public testing::Test {
     void SetUp() override {
         if (!getenv("ZEL_SWTPM_PID"))
             GTEST_SKIP() << "no TPM simulator: run through tests/with-swtpm";
-    }
-
-    // Encrypts `plain` to the key at the persistent handle with openssl, from its exported
-    // public key: the TPM is not trusted to make its own test data.
-    std::vector<unsigned char> encrypt(const std::string& plain,
-                                       const std::vector<std::string>& padding) {
-        const std::string pub = dir.file("pub.pem");
-        EXPECT_TRUE(tpm2_tool({"tpm2_readpublic", "-c", "0x81018001", "-f", "pem", "-o", pub}));
-        dir.write("plain", plain);
-        std::vector<std::string> args = {
-            "openssl", "pkeyutl", "-encrypt",        "-pubin", "-inkey",
-            pub,       "-in",     dir.file("plain"), "-out",   dir.file("cipher")};
-        for (const std::string& opt : padding)
-            args.insert(args.end(), {"-pkeyopt", opt});
-        EXPECT_TRUE(run(args));
-        gchar* data = nullptr;
-        gsize size = 0;
-        EXPECT_TRUE(g_file_get_contents(dir.file("cipher").c_str(), &data, &size, nullptr));
-        const GCharPtr held(data);
-        return {data, data + size};
     }
 
     std::string handles(const char* kind) {
@@ -153,7 +130,7 @@ TEST_F(TPM2Test, FirstOpenPersistsTheKeyLaterOnesLoadIt) {
     LogCapture log;
     TPM2 tpm;
     ASSERT_TRUE(tpm.open()) << log.dump();
-    EXPECT_FALSE(log.loggedPrefix(M, "creating")) << log.dump();
+    EXPECT_FALSE(log.logged(M, "creating", true)) << log.dump();
     tpm.close();
     EXPECT_FALSE(tpm.is_open());
     EXPECT_EQ(handles("persistent"), "- 0x81018001\n");
@@ -179,52 +156,6 @@ TEST_F(TPM2Test, MismatchingKeyAtTheHandleGivesATransientKey) {
     EXPECT_EQ(handles("transient"), "- 0x80000000\n");
     tpm.close();
     EXPECT_EQ(handles("transient"), "");
-}
-
-class TPM2DecryptTest
-    : public TPM2Test,
-      public testing::WithParamInterface<std::pair<TPM2::Padding, std::vector<std::string>>> {};
-
-TEST_P(TPM2DecryptTest, RoundTrip) {
-    const auto& [padding, options] = GetParam();
-    TPM2 tpm;
-    ASSERT_TRUE(tpm.open());
-    const std::string secret = "0123456789abcdef0123456789abcdef";
-    std::vector<unsigned char> plain = {1, 2, 3};
-    ASSERT_TRUE(tpm.auth_decrypt(encrypt(secret, options), padding, plain));
-    EXPECT_EQ(std::string(plain.begin(), plain.end()), secret);
-
-    // The same cipher text decrypted with another padding fails.
-    LogCapture log;
-    const TPM2::Padding wrong = padding == TPM2::RSAES ? TPM2::OAEP_SHA256 : TPM2::RSAES;
-    EXPECT_FALSE(tpm.auth_decrypt(encrypt(secret, options), wrong, plain));
-    EXPECT_TRUE(log.loggedPrefix(W, "TPM2 RSA decrypt with authentication key failed: "))
-        << log.dump();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Paddings, TPM2DecryptTest,
-    testing::Values(
-        std::make_pair(TPM2::RSAES, std::vector<std::string>{"rsa_padding_mode:pkcs1"}),
-        std::make_pair(TPM2::OAEP_SHA1,
-                       std::vector<std::string>{"rsa_padding_mode:oaep", "rsa_oaep_md:sha1"}),
-        std::make_pair(TPM2::OAEP_SHA256,
-                       std::vector<std::string>{"rsa_padding_mode:oaep", "rsa_oaep_md:sha256"})));
-
-TEST_F(TPM2Test, WrongLengthOrUnknownPaddingNeverReachesTheTPM) {
-    TPM2 tpm;
-    ASSERT_TRUE(tpm.open());
-    // With the simulator gone any TPM command would fail with its own warning.
-    ASSERT_EQ(kill(atoi(getenv("ZEL_SWTPM_PID")), SIGKILL), 0);
-    LogCapture log;
-    std::vector<unsigned char> plain;
-    EXPECT_FALSE(tpm.auth_decrypt(std::vector<unsigned char>(255), TPM2::RSAES, plain));
-    EXPECT_FALSE(tpm.auth_decrypt(std::vector<unsigned char>(256), TPM2::UNKNOWN_PADDING, plain));
-    ASSERT_EQ(log.entries.size(), 2u) << log.dump();
-    EXPECT_TRUE(log.logged(W,
-                           "attempted to RSA decrypt cypher text of wrong length (255, "
-                           "need 256)"));
-    EXPECT_TRUE(log.logged(G_LOG_LEVEL_CRITICAL, "passed UNKNOWN_PADDING to RSA decrypt"));
 }
 
 }  // namespace

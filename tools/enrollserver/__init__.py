@@ -2,7 +2,8 @@
 
 from .ca import TestCA
 from .faults import Fault
-from .protocols import PROTOCOLS, ServerError
+from .checks import ServerError
+from .protocols import PROTOCOLS
 from .proxy import RecordingProxy
 from .server import EnrollServer
 

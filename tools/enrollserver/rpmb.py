@@ -9,7 +9,7 @@ import hmac
 import secrets
 import struct
 
-from .protocols import ServerError, bad_request, check_csr, require
+from .checks import ServerError, bad_request, check_csr, require
 
 BLOCK, NONCE, MAC = 256, 16, 32
 WRITE_BLOCK = 1

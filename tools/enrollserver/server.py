@@ -14,7 +14,8 @@ from http.server import BaseHTTPRequestHandler
 from cryptography.hazmat.primitives import serialization
 
 from .faults import serve_transport_fault
-from .protocols import PROTOCOLS, Enrollment, ServerError, bad_request, require
+from .checks import ServerError, bad_request, require
+from .protocols import PROTOCOLS, Enrollment
 from .threaded import BackgroundServer
 
 ACK_STATUSES = ("saved", "error", "unknown")

@@ -13,7 +13,7 @@ from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import padding as asym_padding
 from cryptography.hazmat.primitives.asymmetric import rsa
 
-from .protocols import ServerError, bad_request, check_csr, require
+from .checks import ServerError, bad_request, check_csr, require
 
 HASHES = {"sha1": hashes.SHA1, "sha256": hashes.SHA256}
 
