@@ -62,14 +62,14 @@ TEST_F(StatusFile, LoadAndSaveKeepTheDocumentedFormat) {
 }
 
 TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
+    const LogCapture log;
     for (const char* doc : kBadSurrogateDocuments) {
         write(doc);
         EXPECT_FALSE(EnrollerStatus(path).load(true));
-        EXPECT_TRUE(logs.logged(G_LOG_LEVEL_WARNING,
-                                "failed to parse JSON from enroller status "
-                                "file " +
-                                    path + ": " + path + kBadSurrogate))
-            << logs.dump();
+        EXPECT_TRUE(log.logged(
+            G_LOG_LEVEL_WARNING,
+            "failed to parse JSON from enroller status file " + path + ": " + path + kBadSurrogate))
+            << log.dump();
     }
 }
 
