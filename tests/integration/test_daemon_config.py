@@ -1,9 +1,13 @@
 # How zelenrolld merges options, branding and system identity into its configuration.
 
+import re
+
 import pytest
+from zeltest import message_re
 
 SUPPORTED = ("only 'emmc-rpmb-csr', 'tpm2-authkey-csr' and 'noauth-csr' enrollment protocols "
              "are supported")
+INVALID = "branding file is invalid"
 
 
 def start_and_stop(start_daemon, args, **kwargs):
@@ -15,137 +19,117 @@ def start_and_stop(start_daemon, args, **kwargs):
 
 
 def refused(start_daemon, args, message, **kwargs):
-    # Starts the daemon expecting it to stop with `message` and exit code 1.
+    # Starts the daemon expecting it to stop with `message` (a text, or a compiled regex for
+    # part of the line) and exit code 1.
     daemon = start_daemon(args, **kwargs)
     assert daemon.wait_exit() == 1, daemon.output()
-    assert daemon.has_message(message), daemon.output()
+    daemon.wait_for_log(message.pattern if isinstance(message, re.Pattern) else message_re(message))
     return daemon
 
 
-@pytest.mark.parametrize("option,branded,message", [
-    ("http://127.0.0.1:9/api///", "x", "using non-default enroll base URL "
-     "'http://127.0.0.1:9/api///'"),
-    (False, "http://127.0.0.1:9/root//", "using default enroll base URL "
-     "'http://127.0.0.1:9/root//'"),
-    (False, "", "using default enroll base URL ''"),  # not refused at start
-])
-def test_base_url_option_wins_over_branding(sandbox, start_daemon, option, branded, message):
-    branding = sandbox.write_branding("b.json", enrollRootUrl=branded)
-    daemon = start_and_stop(start_daemon, sandbox.args(base_url=option, branding=branding))
-    assert daemon.has_message(message) and daemon.output().count("using ") == 1
+def branded(box, *args, contents=None, base_url=True, **fields):
+    # The sandbox's arguments with a branding of `contents` or `fields`.
+    return box.args(*args, base_url=base_url,
+                    branding=box.write_branding("b.json", contents, **fields))
 
 
-@pytest.mark.parametrize("contents", [None, "", "{}", "[1, 2]", "{not json",
-                                      '{"brand": "B", "model": "M", "enrollRootUrl": "x"}'],
-                         ids=["missing", "empty", "empty-object", "array", "broken",
-                              "no-protocols"])
-def test_invalid_branding_stops_start_up(sandbox, start_daemon, contents):
-    branding = sandbox.root / "none.json"
-    if contents is not None:
-        branding = sandbox.write_branding("bad.json", contents=contents)
-    daemon = refused(start_daemon, sandbox.args(branding=branding), "branding file is invalid")
-    assert "using " not in daemon.output()
+ROOT = pytest.mark.root
+REFUSED = [  # (arguments of the sandbox, message); the base URL is logged before the checks
+    (lambda b: b.args(branding=b.root / "none.json"), INVALID),
+    *[(lambda b, c=c: branded(b, contents=c), INVALID) for c in [
+        "", "{}", "[1, 2]", "{not json", '{"brand": "B", "model": "M", "enrollRootUrl": "x"}']],
+    (lambda b: b.args("--serial=", serial=None), "no device serial number available"),
+    (lambda b: b.args("--model="), "no device model available"),
+    (lambda b: b.args("--brand="), "no device brand available"),
+    (lambda b: b.args("--serial=", "--model=", "--brand=", serial=None),
+     "no device serial number available"),
+    (lambda b: b.args("--model=", "--brand="), "no device model available"),
+    (lambda b: branded(b, model=""), "no device model available"),
+    (lambda b: branded(b, brand=""), "no device brand available"),
+    (lambda b: b.args("--protocol=foo"), SUPPORTED),
+    (lambda b: b.args("--protocol=noauth-csr", "--protocol=Noauth-csr"), SUPPORTED),
+    (lambda b: branded(b, enrollProtocols=["foo"]), SUPPORTED),
+    (lambda b: branded(b, enrollProtocols=[]), "no enrollment protocols"),
+    (lambda b: b.args("--disable", f"--services-dir={b.root / 'none'}///"),
+     re.compile(r"CRITICAL \*\*: [0-9:.]+: failed to create disabled services file: ")),
+    pytest.param(lambda b: b.args(user="no-such-user-zel"), re.compile(
+        r"CRITICAL \*\*: [0-9:.]+: failed switching to user 'no-such-user-zel': no such user$"),
+        marks=ROOT),
+    # The sandbox belongs to root: nobody cannot create the marker after the switch.
+    pytest.param(lambda b: b.args("--disable", user="nobody"), re.compile(
+        r"failed to create disabled services file: .*Permission denied"), marks=ROOT),
+]
 
 
-@pytest.mark.parametrize("args,message", [
-    (["--serial="], "no device serial number available"),
-    (["--model="], "no device model available"),
-    (["--brand="], "no device brand available"),
-    (["--serial=", "--model=", "--brand="], "no device serial number available"),
-    (["--model=", "--brand="], "no device model available"),
-    (["--protocol=foo"], SUPPORTED),
-    (["--protocol=noauth-csr", "--protocol=Noauth-csr"], SUPPORTED),
-], ids=["serial", "model", "brand", "serial-first", "model-first", "unknown-protocol",
-        "protocol-case"])
-def test_empty_or_unsupported_values_are_refused(sandbox, start_daemon, args, message):
+@pytest.mark.parametrize("make,message", REFUSED)
+def test_refused(sandbox, start_daemon, make, message):
+    daemon = refused(start_daemon, make(sandbox), message)
     # An empty option counts as given: the branding's model and brand are not used.
-    daemon = refused(start_daemon, sandbox.args(*args, serial=None if "--serial=" in args
-                                                else "SN-1"), message)
-    assert daemon.has_message("using non-default enroll base URL '%s'" % sandbox.base_url)
+    assert ("using non-default enroll base URL" in daemon.output()) == (message != INVALID)
 
 
-def test_branding_values_fill_in_and_are_required(sandbox, start_daemon):
-    for field, message in [("model", "no device model available"),
-                           ("brand", "no device brand available")]:
-        branding = sandbox.write_branding(f"no-{field}.json", **{field: ""})
-        refused(start_daemon, sandbox.args(branding=branding), message)
-        start_and_stop(start_daemon, sandbox.args(f"--{field}=X", branding=branding))
+STARTED = [  # (arguments of the sandbox, the base URL message or None)
+    (lambda b: b.args(base_url="http://127.0.0.1:9/api///"),
+     "using non-default enroll base URL 'http://127.0.0.1:9/api///'"),
+    (lambda b: branded(b, enrollRootUrl="http://127.0.0.1:9/root//", base_url=False),
+     "using default enroll base URL 'http://127.0.0.1:9/root//'"),
+    (lambda b: branded(b, enrollRootUrl="", base_url=False), "using default enroll base URL ''"),
+    (lambda b: branded(b, "--model=X", model=""), None),
+    (lambda b: branded(b, "--brand=X", brand=""), None),
+    # Options replace the branding's protocols, duplicates allowed.
+    (lambda b: branded(b, "--protocol=noauth-csr", "--protocol=noauth-csr", enrollProtocols=[]),
+     None),
+    (lambda b: branded(b, "--protocol=noauth-csr", enrollProtocols=["foo"]), None),
+    # Enabled, removing a marker that cannot exist is fine.
+    (lambda b: b.args("--enable", f"--services-dir={b.root / 'none'}"), None),
+    (lambda b: b.args("--retry=0", "--timeout=0", "--dump-http=3"), None),
+]
 
 
-def test_protocols_from_options_replace_branding(sandbox, start_daemon):
-    none = sandbox.write_branding("none.json", enrollProtocols=[])
-    refused(start_daemon, sandbox.args(branding=none), "no enrollment protocols")
-    # Duplicates are allowed.
-    start_and_stop(start_daemon, sandbox.args("--protocol=noauth-csr", "--protocol=noauth-csr",
-                                              branding=none))
-    # The branding list is not looked at when options give one.
-    unknown = sandbox.write_branding("unknown.json", enrollProtocols=["foo"])
-    refused(start_daemon, sandbox.args(branding=unknown), SUPPORTED)
-    start_and_stop(start_daemon, sandbox.args("--protocol=noauth-csr", branding=unknown))
+@pytest.mark.parametrize("make,message", STARTED)
+def test_started(sandbox, start_daemon, make, message):
+    daemon = start_and_stop(start_daemon, make(sandbox))
+    assert message is None or daemon.has_message(message) and daemon.output().count("using ") == 1
 
 
 @pytest.mark.parametrize("enabled_by_default,args,disabled", [
-    (True, [], False),
-    (False, [], True),
-    (None, [], True),  # absent from the branding
-    (True, ["--disable"], True),
-    (False, ["--enable"], False),
-    (True, ["--enable", "--disable"], True),
-    (False, ["--disable", "--enable"], False),
-    (False, ["--enable", "--disable", "--enable"], False),
-], ids=["branding-on", "branding-off", "branding-absent", "disable", "enable",
-        "enable-disable", "disable-enable", "last-wins"])
+    (True, [], False), (False, [], True), (None, [], True),  # None: absent from the branding
+    (True, ["--disable"], True), (False, ["--enable"], False),
+    (True, ["--enable", "--disable"], True), (False, ["--disable", "--enable"], False)])
 def test_disabled_marker_follows_options_then_branding(sandbox, start_daemon,
                                                       enabled_by_default, args, disabled):
-    branding = sandbox.write_branding("b.json", enabledByDefault=enabled_by_default)
-    # A stale marker must go when enrollment is enabled.
-    sandbox.disabled_marker.write_text("")
-    start_and_stop(start_daemon, sandbox.args(*args, branding=branding))
+    sandbox.disabled_marker.write_text("")  # a stale marker must go when enrollment is enabled
+    start_and_stop(start_daemon, branded(sandbox, *args, enabledByDefault=enabled_by_default))
     assert sandbox.disabled_marker.exists() == disabled
-    if disabled:
-        assert sandbox.disabled_marker.read_bytes() == b""
-
-
-def test_disabled_marker_needs_the_services_dir(sandbox, start_daemon):
-    missing = sandbox.root / "no-services"
-    daemon = start_daemon(sandbox.args("--disable", f"--services-dir={missing}///"))
-    assert daemon.wait_exit() == 1
-    daemon.wait_for_log(r"CRITICAL \*\*: [0-9:.]+: failed to create disabled services file: ")
-    # Enabled, removing a marker that cannot exist is fine.
-    start_and_stop(start_daemon, sandbox.args("--enable", f"--services-dir={missing}"))
+    assert not disabled or sandbox.disabled_marker.read_bytes() == b""
 
 
 # Identity read from the system, through fixture files in a private mount namespace; the
-# "/initiate" request shows what the daemon made of them.
+# "/initiate" request shows what the daemon made of them. No device: the start is refused.
 
 @pytest.mark.root
-@pytest.mark.parametrize("identifiers,cpuinfo,os_release,device,firmware", [
-    ("ZEL_SN=\nZEL_SN='SN 42'\nZEL_USER_SN=U\\ 1\nZEL_CHASSIS_SN=\"C 4\"\n",
-     "processor\t: 0\n", 'VERSION_ID="4.7.2"\n',
-     {"serial": "SN 42", "altSerial": {"user": "U 1", "chassis": "C 4"}}, "4.7.2"),
-    ("ZEL_SN=FROM-FILE\n", "processor\t: 0\nSerial\t\t: 00000000deadbeef\n", "ID=test\n",
+@pytest.mark.parametrize("identifiers,cpuinfo,serial,device,firmware", [
+    ("ZEL_SN=\nZEL_SN='SN 42'\nZEL_USER_SN=U\\ 1\nZEL_CHASSIS_SN=\"C 4\"\n", "processor\t: 0\n",
+     None, {"serial": "SN 42", "altSerial": {"user": "U 1", "chassis": "C 4"}}, "4.7.2"),
+    ("ZEL_SN=FROM-FILE\n", "processor\t: 0\nSerial\t\t: 00000000deadbeef\n", None,
      {"serial": "00000000deadbeef"}, None),
-], ids=["identifiers", "cpuinfo"])
+    (None, "processor\t: 0\n", None, None, None),
+    ("ZEL_SN=\nZEL_USER_SN=U1\n", "Serial\t\t: \n", None, None, None),
+    ("ZEL_SN='unclosed\n", "processor\t: 0\n", None, None, None),
+    ("ZEL_SN=SN-FROM-FILE\n", "Serial\t\t: 00000000deadbeef\n", "", None, None),
+], ids=["identifiers", "cpuinfo", "no-identifiers", "empty-values", "bad-quoting",
+        "empty-option"])
 def test_identity_from_the_system(sandbox, start_daemon, identity, server, identifiers,
-                                  cpuinfo, os_release, device, firmware):
-    files = identity(identifiers=identifiers, cpuinfo=cpuinfo, os_release=os_release)
-    daemon = start_daemon(sandbox.args("--retry=0", serial=None, fwver=None,
-                                       base_url=server.url), mounts=files.mounts)
+                                  cpuinfo, serial, device, firmware):
+    files = identity(identifiers=identifiers, cpuinfo=cpuinfo,
+                     os_release='VERSION_ID="4.7.2"\n' if firmware else "ID=test\n")
+    args = sandbox.args("--retry=0", serial=serial, fwver=None, base_url=server.url)
+    if device is None:
+        refused(start_daemon, args, "no device serial number available", mounts=files.mounts)
+        return
+    daemon = start_daemon(args, mounts=files.mounts)
     server.wait_for_request("/initiate")
     body = server.requests[0].json
     assert body["device"] == dict(device, model="MP-100", brand="Acme")
     assert body.get("firmwareVersion") == firmware
     assert daemon.has_message("no firmware version available") == (firmware is None)
-
-
-@pytest.mark.root
-@pytest.mark.parametrize("identifiers,cpuinfo,serial", [
-    (None, "processor\t: 0\n", None),
-    ("ZEL_SN=\nZEL_USER_SN=U1\n", "Serial\t\t: \n", None),
-    ("ZEL_SN='unclosed\n", "processor\t: 0\n", None),
-    ("ZEL_SN=SN-FROM-FILE\n", "Serial\t\t: 00000000deadbeef\n", ""),
-], ids=["no-identifiers", "empty-values", "bad-quoting", "empty-option"])
-def test_no_serial_is_refused(sandbox, start_daemon, identity, identifiers, cpuinfo, serial):
-    files = identity(identifiers=identifiers, cpuinfo=cpuinfo)
-    refused(start_daemon, sandbox.args(serial=serial), "no device serial number available",
-            mounts=files.mounts)

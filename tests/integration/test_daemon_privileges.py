@@ -25,16 +25,3 @@ def test_runs_as_the_user_with_only_cap_sys_rawio_permitted(sandbox, nobody_sand
     assert status["CapEff"] == status["CapInh"] == status["CapAmb"] == "0000000000000000"
     assert daemon.stop() == 0
 
-
-def test_missing_user_stops_start_up(sandbox, start_daemon):
-    daemon = start_daemon(sandbox.args(user="no-such-user-zel"))
-    assert daemon.wait_exit() == 1
-    daemon.wait_for_log(
-        r"CRITICAL \*\*: [0-9:.]+: failed switching to user 'no-such-user-zel': no such user$")
-
-
-def test_the_user_needs_access_to_the_services_dir(sandbox, start_daemon):
-    # The sandbox belongs to root: nobody cannot create the marker after the switch.
-    daemon = start_daemon(sandbox.args("--disable", user="nobody"))
-    assert daemon.wait_exit() == 1
-    daemon.wait_for_log(r"failed to create disabled services file: .*Permission denied")

@@ -78,10 +78,9 @@ def test_users_and_directories(usr, tmp_path):
     (tmp_path / "etc").mkdir()
     done = run(["systemd-sysusers", f"--root={tmp_path}", usr / "lib/sysusers.d/zelenroll.conf"])
     assert done.returncode == 0, done.stderr
-    users = {line.split(":")[0]: line.split(":") for line in
-             (tmp_path / "etc/passwd").read_text().splitlines()}
-    groups = {line.split(":")[0]: line.split(":") for line in
-              (tmp_path / "etc/group").read_text().splitlines()}
+    users, groups = ({line.split(":")[0]: line.split(":") for line in
+                      (tmp_path / "etc" / name).read_text().splitlines()}
+                     for name in ("passwd", "group"))
     uid = int(users["zelenroll"][2])
     assert "zelenroll" in groups["tss"][3].split(",")
 
@@ -99,18 +98,8 @@ def test_bus_policy_is_the_tested_one(usr):
 
 @pytest.mark.parametrize("page", MAN_PAGES)
 def test_man_page_renders_without_warnings(usr, page):
-    done = run(["groff", "-man", "-Tutf8", "-ww", "-z", usr / page])
-    assert done.returncode == 0 and not done.stderr, done.stderr
-    done = run(["man", "--warnings", "-l", usr / page], env={**os.environ, "MANWIDTH": "80"})
-    assert done.returncode == 0 and not done.stderr, done.stderr
-    assert "EXIT STATUS" in done.stdout
-
-
-@pytest.mark.parametrize("binary,text", [
-    ("sbin/zelenrolld", "ZEL device enroller"), ("bin/zelenrollctl", "renew-if-due")])
-def test_installed_binaries_run(usr, binary, text):
-    done = run([usr / binary, "--help"])
-    assert done.returncode == 0 and text in done.stdout, done.stdout + done.stderr
+    done = run(["groff", "-man", "-Tutf8", "-ww", usr / page])
+    assert done.returncode == 0 and not done.stderr and "EXIT STATUS" in done.stdout, done.stderr
 
 
 @pytest.mark.root

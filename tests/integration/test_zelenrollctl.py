@@ -21,12 +21,12 @@ FAILED_ATTEMPT = r"WARNING \*\*: .*InternalServerError"
 DAY = datetime.timedelta(days=1)
 
 
-def ctl(sandbox, *args, timeout=30):
+def ctl(sandbox, *args, mounts=None):
     command = [str(CTL), f"--status-file={sandbox.status_file}",
                f"--services-dir={sandbox.services_dir}", f"--key={sandbox.key}",
                *[str(a) for a in args]]
-    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=timeout)
+    return subprocess.run(zeltest.namespace_command(command, mounts), stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=60)
 
 
 def ctl_json(sandbox, *args):
@@ -43,18 +43,6 @@ def one_error_line(done, code, text):
 
 def name_owned():
     return enroller_property("enrolled") is not None
-
-
-def initiates(server):
-    return sum(r.path.endswith("/initiate") for r in server.requests)
-
-
-@pytest.fixture
-def enrolled(sandbox, start_daemon, server):
-    # A short base interval keeps the spacing of requests after a trigger short.
-    daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
-    daemon.wait_for_message(DONE, timeout=15)
-    return daemon
 
 
 @pytest.mark.arm64
@@ -93,6 +81,7 @@ def test_status_wait_diagnose_trigger_and_the_enrolled_signal(sandbox, start_dae
     assert "running, enrolled" in text and "matches key:       yes" in text
 
     diagnosis = ctl_json(sandbox, "diagnose")
+    assert list(diagnosis)[:4] == ["enrolled", "disabled", "base_url", "protocols"], diagnosis
     assert diagnosis["enrolled"] is True and diagnosis["base_url"] == server.url
     assert diagnosis["protocols"] == ["noauth-csr"]
     assert diagnosis["pubkey"].startswith("-----BEGIN PUBLIC KEY-----")
@@ -119,12 +108,15 @@ def test_trigger_refused_while_a_request_is_in_flight(sandbox, start_daemon, ser
     assert "forcedEnrollTStamp" not in json.loads(sandbox.status_file.read_text())
 
 
-@pytest.mark.parametrize("args", [
-    ["status"], ["status", "--json"], ["trigger"], ["diagnose"], ["wait", "--timeout=0.5"],
-    ["renew-if-due"]])
-def test_daemon_absent(sandbox, args):
+@pytest.mark.parametrize("args,code", [
+    *[(args, 3) for args in [["status"], ["status", "--json"], ["trigger"], ["diagnose"],
+                             ["wait", "--timeout=0.5"], ["renew-if-due"]]],
+    *[(args, 2) for args in [[], ["bogus"], ["status", "extra"], ["trigger", "--json"],
+                             ["wait", "--timeout=-1"], ["renew-if-due", "--fraction=0"],
+                             ["renew-if-due", "--fraction=nan"]]]])
+def test_daemon_absent_or_bad_usage(sandbox, args, code):
     done = ctl(sandbox, *args)
-    one_error_line(done, 3, "daemon not reachable")
+    one_error_line(done, code, "daemon not reachable" if code == 3 else "")
     if args == ["status"]:
         assert "not running" in done.stdout and "absent (never enrolled)" in done.stdout
     if args == ["status", "--json"]:
@@ -143,14 +135,6 @@ def test_invalid_status_file(sandbox, start_daemon, contents, error):
     assert error in done.stderr and "invalid: " in done.stdout
 
 
-@pytest.mark.parametrize("args", [
-    [], ["bogus"], ["status", "extra"], ["trigger", "--json"], ["wait", "--timeout=-1"],
-    ["renew-if-due", "--fraction=0"], ["renew-if-due", "--fraction=nan"]])
-def test_usage_errors(sandbox, args):
-    done = ctl(sandbox, *args)
-    assert done.returncode == 2 and re.fullmatch(r"zelenrollctl: [^\n]*\n", done.stderr), done
-
-
 @pytest.mark.parametrize("flag,why", [
     ("--enable", "the daemon is enrolling already"), ("--disable", "enrollment is disabled")])
 def test_renew_if_due_leaves_an_unenrolled_daemon_alone(sandbox, start_daemon, flag, why):
@@ -158,59 +142,55 @@ def test_renew_if_due_leaves_an_unenrolled_daemon_alone(sandbox, start_daemon, f
     assert wait_until(name_owned, 5)
     done = ctl(sandbox, "renew-if-due")
     assert done.returncode == 0 and done.stdout == f"nothing to do: {why}\n", done
+    assert ctl_json(sandbox, "diagnose")["disabled"] is (flag == "--disable")
 
 
-def device_cert(ca, sandbox, start, end, other_key=False):
-    if other_key:
-        return ca.issue_unrelated_cert()
+def device_cert(ca, sandbox, start, end):
     key = serialization.load_pem_private_key(sandbox.key.read_bytes(), None)
     now = datetime.datetime.now(datetime.timezone.utc)
     return ca.issue_cert(key.public_key(), now + start * DAY, now + end * DAY)
 
 
-@pytest.mark.parametrize("case,args,renewed,why", [
-    ("fresh", [], False, "nothing to do: certificate valid until"),
-    ("past two thirds", [], True, "renewing: certificate passed 66% of its validity"),
-    ("past two thirds", ["--fraction=0.9"], False, "renewal due"),
-    ("expired", [], True, "renewing: certificate expired"),
-    ("other key", [], True, "renewing: certificate does not match the device key"),
-    ("missing", [], True, "renewing: no stored certificate"),
-    ("garbage", [], True, "renewing: unreadable certificate")])
-def test_renew_if_due(sandbox, server, ca, enrolled, case, args, renewed, why):
+@pytest.mark.parametrize("certificate,args,renewed,why", [  # certificate None: no file
+    (False, [], False, "nothing to do: certificate valid until"),
+    (lambda ca, box: device_cert(ca, box, -70, 30), [], True,
+     "renewing: certificate passed 66% of its validity"),
+    (lambda ca, box: device_cert(ca, box, -70, 30), ["--fraction=0.9"], False, "renewal due"),
+    (lambda ca, box: device_cert(ca, box, -100, -1), [], True, "renewing: certificate expired"),
+    (lambda ca, box: ca.issue_unrelated_cert(), [], True,
+     "renewing: certificate does not match the device key"),
+    (lambda ca, box: None, [], True, "renewing: no stored certificate"),
+    (lambda ca, box: "not a certificate", [], True, "renewing: unreadable certificate")],
+    ids=["fresh", "past-two-thirds", "not-past-fraction", "expired", "other-key", "missing",
+         "garbage"])
+def test_renew_if_due(sandbox, start_daemon, server, ca, certificate, args, renewed, why):
+    # A short base interval keeps the spacing of requests after a trigger short.
+    daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
+    daemon.wait_for_message(DONE, timeout=15)
     service_file = sandbox.services_dir / "aws-iot" / "service.json"
-    service = json.loads(service_file.read_text())
-    validity = {"past two thirds": (-70, 30), "expired": (-100, -1)}.get(case)
-    if validity:
-        service["certificate"] = device_cert(ca, sandbox, *validity)
-    elif case == "other key":
-        service["certificate"] = device_cert(ca, sandbox, 0, 0, other_key=True)
-    elif case == "garbage":
-        service["certificate"] = "not a certificate"
-    service_file.write_text(json.dumps(service))
-    if case == "missing":
-        service_file.unlink()
+    if certificate:
+        service = dict(json.loads(service_file.read_text()), certificate=certificate(ca, sandbox))
+        if service["certificate"] is None:
+            service_file.unlink()
+        else:
+            service_file.write_text(json.dumps(service))
 
     done = ctl(sandbox, "renew-if-due", *args)
-    assert done.returncode == 0, (done.stdout, done.stderr)
-    assert why in done.stdout
+    assert done.returncode == 0 and why in done.stdout, (done.stdout, done.stderr)
+    assert ("re-enrollment triggered" in done.stdout) == renewed
     if renewed:
-        assert "re-enrollment triggered" in done.stdout
         server.wait_for_request("/initiate", count=2)
-        enrolled.wait_for_log(re.escape(DONE) + "$", timeout=15)
-        assert wait_until(lambda: enrolled.log.count(re.escape(DONE) + "$") == 2, 15)
+        assert wait_until(lambda: daemon.log.count(re.escape(DONE) + "$") == 2, 15)
     else:
-        assert initiates(server) == 1
+        assert sum(r.path.endswith("/initiate") for r in server.requests) == 1
 
 
 # --- check: one broken precondition per sandbox, then a device where everything holds
 
 def check_lines(sandbox, *args, user="nobody", mounts=None):
     """`zelenrollctl check` as the daemon's `user` would see the sandbox."""
-    command = [str(CTL), "check", f"--status-file={sandbox.status_file}",
-               f"--services-dir={sandbox.services_dir}", f"--key={sandbox.key}",
-               f"--branding={sandbox.branding}", "--proxy=", f"--user={user}", *args]
-    return subprocess.run(zeltest.namespace_command(command, mounts), capture_output=True,
-                          text=True, timeout=60, stdin=subprocess.DEVNULL)
+    return ctl(sandbox, "check", f"--branding={sandbox.branding}", "--proxy=", f"--user={user}",
+               *args, mounts=mounts)
 
 
 def private_copy(sandbox, path):
@@ -242,34 +222,29 @@ def rpmb_node(sandbox):
 
 
 ROOT_ONLY = "(owner root, group root, mode 0600)"
-CHECK_CASES = {
-    "missing key": (lambda box, ca, stack: [f"--key={box.root / 'none.key'}"],
-                    "device key", lambda box: f"'{box.root / 'none.key'}': No such file or "
-                                              "directory"),
+CHECK_CASES = {  # (arguments, check, what it found: {root} the sandbox)
+    "missing key": (lambda box, ca, stack: [f"--key={box.root / 'none.key'}"], "device key",
+                    "'{root}/none.key': No such file or directory"),
     "key unreadable by the user": (
         lambda box, ca, stack: [f"--key={private_copy(box, box.key)}"], "device key",
-        lambda box: f"user 'nobody' may not read '{box.root / 'private/device.key'}' "
-                    f"{ROOT_ONLY}"),
+        f"user 'nobody' may not read '{{root}}/private/device.key' {ROOT_ONLY}"),
     "wrong-mode RPMB node": (
         lambda box, ca, stack: [f"--rpmb={rpmb_node(box)}", "--protocol=emmc-rpmb-csr"], "RPMB",
-        lambda box: f"user 'nobody' may not read and write '{box.root / 'rpmb-node'}' "
-                    f"{ROOT_ONLY}"),
+        f"user 'nobody' may not read and write '{{root}}/rpmb-node' {ROOT_ONLY}"),
     "unparsable status file": (
         lambda box, ca, stack: [f"--status-file={box.write('bad-status', '{')}"], "status file",
-        lambda box: f"'{box.root / 'bad-status'}' cannot be parsed (failed to parse JSON "
-                    "...): the daemon keeps it as '...' at its next start and forgets the "
-                    "enrollment and RPMB history"),
+        "'{root}/bad-status' cannot be parsed (failed to parse JSON ...): the daemon keeps it "
+        "as '...' at its next start and forgets the enrollment and RPMB history"),
     "clock before the certificate": (
         lambda box, ca, stack: [f"--services-dir={future_cert_services(box, ca)}"], "clock",
-        lambda box: "... is before the stored certificate's validity, which starts ..."),
+        "... is before the stored certificate's validity, which starts ..."),
     "no TPM": (lambda box, ca, stack: ["--protocol=tpm2-authkey-csr"], "TPM",
-               lambda box: "no TPM answers through the default TCTI: ..."),
+               "no TPM answers through the default TCTI: ..."),
     "server of an unknown CA": (
         lambda box, ca, stack: ["--connect", f"--base-url={tls_url(stack, ca)}"], "server",
-        lambda box: "https://127.0.0.1:...: the server's certificate is not signed by a CA of "
-                    "the CA bundle"),
+        "https://127.0.0.1:...: the server's certificate is not signed by a CA of the CA bundle"),
     "daemon absent": (lambda box, ca, stack: [], "daemon",
-                      lambda box: f"not running: nobody owns {DBUS_NAME} on the system bus"),
+                      f"not running: nobody owns {DBUS_NAME} on the system bus"),
 }
 
 
@@ -296,7 +271,8 @@ def test_check_names_the_broken_precondition(nobody_sandbox, start_daemon, ca, c
             netns.leave()
     errors = [line for line in done.stdout.splitlines() if line.startswith("error")]
     assert done.returncode == 1 and len(errors) == 1, done.stdout + done.stderr
-    assert re.fullmatch(line_re("error", name, found(box)), errors[0]), errors[0]
+    found = found.format(root=box.root)
+    assert re.fullmatch(line_re("error", name, found), errors[0]), errors[0]
 
 
 @pytest.mark.root
