@@ -98,7 +98,7 @@ def test_bus_policy_is_the_tested_one(usr):
 
 @pytest.mark.parametrize("page", MAN_PAGES)
 def test_man_page_renders_without_warnings(usr, page):
-    done = run(["groff", "-man", "-Tutf8", "-ww", usr / page])
+    done = run(["groff", "-man", "-Tutf8", "-P-cbou", "-ww", usr / page])
     assert done.returncode == 0 and not done.stderr and "EXIT STATUS" in done.stdout, done.stderr
 
 
