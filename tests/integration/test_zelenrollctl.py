@@ -56,9 +56,8 @@ def test_status_wait_diagnose_trigger_and_the_enrolled_signal(sandbox, start_dae
     assert wait_until(name_owned, 5) and enroller_property("enrolled") == "false"
     before = ctl_json(sandbox, "status")
     assert before["daemon"] == {"running": True, "enrolled": False, "disabled": False}
-    assert before["statusFile"]["enrolled"] is False
-    assert before["statusFile"]["lastEnrolledTStamp"] is None
-    assert before["certificate"]["present"] is False
+    assert (before["statusFile"]["enrolled"], before["statusFile"]["lastEnrolledTStamp"],
+            before["certificate"]["present"]) == (False, None, False)
     assert "running, not enrolled" in ctl(sandbox, "status").stdout
     one_error_line(ctl(sandbox, "wait", "--timeout=0.2"), 4, "not enrolled within 0.2 s")
 
