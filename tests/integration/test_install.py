@@ -5,6 +5,7 @@
 import os
 import pwd
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -14,13 +15,15 @@ from zeltest import BUILD_DIR
 UNITS = ["zelenrolld.service", "zelenroll-renew.service", "zelenroll-renew.timer"]
 MAN_PAGES = ["share/man/man1/zelenrollctl.1", "share/man/man1/rpmbsim.1",
              "share/man/man8/zelenrolld.8"]
+# Where systemd, udev and the bus look on this system (their pkg-config files), whatever
+# the prefix; everything else under the prefix /usr.
 EXPECTED = {
-    "sbin/zelenrolld", "bin/zelenrollctl",
+    "usr/sbin/zelenrolld", "usr/bin/zelenrollctl",
     *(f"lib/systemd/system/{unit}" for unit in UNITS),
-    "share/dbus-1/system.d/com.corvanta.ZelPlayer.Enroller1.conf",
-    "lib/tmpfiles.d/zelenroll.conf", "lib/sysusers.d/zelenroll.conf",
-    "lib/udev/rules.d/60-zelenroll-rpmb.rules", *MAN_PAGES,
-    "share/doc/zelenrolld/README.md", "share/doc/zelenrolld/branding.json.example"}
+    "usr/share/dbus-1/system.d/com.corvanta.ZelPlayer.Enroller1.conf",
+    "usr/lib/tmpfiles.d/zelenroll.conf", "usr/lib/sysusers.d/zelenroll.conf",
+    "lib/udev/rules.d/60-zelenroll-rpmb.rules", *(f"usr/{page}" for page in MAN_PAGES),
+    "usr/share/doc/zelenrolld/README.md", "usr/share/doc/zelenrolld/branding.json.example"}
 
 
 def run(command, **kwargs):
@@ -38,34 +41,33 @@ def install(prefix, destdir=None):
 
 
 @pytest.fixture(scope="module")
-def usr(tmp_path_factory):
-    # The tree installed with prefix /usr into a DESTDIR; its usr directory.
+def root(tmp_path_factory):
+    # The tree installed with prefix /usr into a DESTDIR.
     destdir = tmp_path_factory.mktemp("destdir")
     install("/usr", destdir)
-    return destdir / "usr"
+    return destdir
 
 
 @pytest.fixture(scope="module")
-def prefixed(tmp_path_factory):
-    # The tree installed under a real prefix, so that the units name binaries that exist
-    # on this machine, as systemd-analyze verify requires.
-    prefix = tmp_path_factory.mktemp("prefix") / "usr"
-    install(prefix)
-    return prefix
+def usr(root):
+    return root / "usr"
 
 
-def test_tree(usr):
-    installed = {str(p.relative_to(usr)) for p in usr.rglob("*") if not p.is_dir()}
-    assert installed - {"bin/rpmbsim"} == EXPECTED
+def test_tree(root):
+    installed = {str(p.relative_to(root)) for p in root.rglob("*") if not p.is_dir()}
+    assert installed - {"usr/bin/rpmbsim"} == EXPECTED
     assert "ExecStart=/usr/sbin/zelenrolld --no-daemon\n" in (
-        usr / "lib/systemd/system/zelenrolld.service").read_text()
+        root / "lib/systemd/system/zelenrolld.service").read_text()
     assert "ExecStart=/usr/bin/zelenrollctl renew-if-due\n" in (
-        usr / "lib/systemd/system/zelenroll-renew.service").read_text()
+        root / "lib/systemd/system/zelenroll-renew.service").read_text()
 
 
-def test_units_verify_and_daemon_exposure(prefixed):
-    units = prefixed / "lib/systemd/system"
-    done = run(["systemd-analyze", "verify", "--man=no", *(units / u for u in UNITS)])
+def test_units_verify_and_daemon_exposure(tmp_path):
+    # In a root that also holds this machine's units, which the verification resolves.
+    install("/usr", tmp_path)
+    units = tmp_path / "lib/systemd/system"
+    shutil.copytree("/lib/systemd/system", units, symlinks=True, dirs_exist_ok=True)
+    done = run(["systemd-analyze", "verify", "--man=no", f"--root={tmp_path}", *UNITS])
     assert done.returncode == 0 and not done.stdout + done.stderr, done.stdout + done.stderr
     done = run(["systemd-analyze", "security", "--offline=yes", units / "zelenrolld.service"])
     exposure = re.search(r"Overall exposure level for zelenrolld.service: ([0-9.]+)",
@@ -107,7 +109,7 @@ def test_installed_daemon_switches_user_within_the_units_limits(usr, nobody_sand
                                                                  start_daemon):
     # The unit's capability bounding set and no-new-privileges are enough for the user
     # switch: the installed daemon run under them ends as its user with CAP_SYS_RAWIO.
-    unit = (usr / "lib/systemd/system/zelenrolld.service").read_text()
+    unit = (usr.parent / "lib/systemd/system/zelenrolld.service").read_text()
     caps = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.M).group(1).split()
     assert "NoNewPrivileges=yes" in unit.splitlines()
     bounding = ",".join(["-all"] + ["+" + c.lower().removeprefix("cap_") for c in caps])
