@@ -245,13 +245,15 @@ def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_serv
 
 class MmcUtils:
     """mmc-utils' `mmc rpmb` and rpmbsim on the shim's node: clients of the RPMB written by
-    others. rpmbsim's ioctls are logged to check that it raises CAP_SYS_RAWIO around each."""
+    others. rpmbsim's ioctls are logged to check that it raises CAP_SYS_RAWIO around each;
+    holding no other capability, it writes only to `scratch`, a directory root owns."""
 
-    def __init__(self, rpmb, node):
+    def __init__(self, rpmb, node, scratch):
         self.rpmb, self.node, self.key = rpmb, node, rpmb.base.parent / "given.key"
+        self.scratch = scratch
         self.env = dict(os.environ, LD_PRELOAD=str(SHIM), ZEL_MMC_SHIM_RPMB=str(rpmb.base),
                         ZEL_MMC_SHIM_NODE=str(node))
-        self.log = node.parent / "rpmbsim.log"
+        self.log = scratch / "rpmbsim.log"
         self.tool_env = dict(self.env, ZEL_MMC_SHIM_LOG=str(self.log),
                              ASAN_OPTIONS="verify_asan_link_order=0")
 
@@ -273,7 +275,7 @@ class MmcUtils:
 
     def block(self, n):
         """Block n as mmc-utils and rpmbsim read it (each checking the MAC)."""
-        mine, theirs = self.node.parent / "mmc.out", self.node.parent / "rpmbsim.out"
+        mine, theirs = self.scratch / "mmc.out", self.scratch / "rpmbsim.out"
         mine.unlink(missing_ok=True)  # mmc-utils appends to an existing file
         self("read-block", self.node, n, 1, mine, self.key)
         self.tool("read", self.node, n, "--out", theirs)
@@ -293,14 +295,14 @@ class MmcUtils:
 
 @pytest.mark.root
 @pytest.mark.native(NO_MMC_EMULATION)
-def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
+def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server, tmp_path):
     # Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
     # mmc-utils and rpmbsim, on the same node, agree on the RPMB before and after.
     box = nobody_sandbox
     rpmb = Rpmb(box.root)
     node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"
     os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
-    mmc = MmcUtils(rpmb, node)
+    mmc = MmcUtils(rpmb, node, tmp_path)
     assert mmc.counter() == 0 and mmc.block(0) == DEVID
     data = box.root / "block"
     data.write_bytes(random_blocks(1))
@@ -308,7 +310,7 @@ def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
     assert mmc.counter() == 1 and mmc.block(2) == data.read_bytes()
     mmc.two_blocks(1, 6)
     tool_log = mmc.log.read_text().splitlines()
-    assert len(tool_log) == 10 and all(re.fullmatch(
+    assert len(tool_log) == 12 and all(re.fullmatch(  # six runs of one ioctl each
         r"ioctl cmds=\d type=0x000\d nreq=\d nrsp=\d cap_eff=0000000000020000 rc=0|"
         r"exit cap_eff=0{16}", line) for line in tool_log), tool_log
     log.touch()
@@ -320,6 +322,8 @@ def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
                                    user="nobody", base_url=rpmb_server.url), env=env)
     daemon.wait_for_message(DONE, timeout=15)
     assert daemon.stop() == 0
+    for path in box.root.glob("rpmb.*"):
+        shutil.chown(path, "root")  # for rpmbsim, which holds no CAP_DAC_OVERRIDE
 
     assert [r.path for r in rpmb_server.requests] == PATHS
     assert mmc.counter() == 3 and mmc.block(2) == data.read_bytes()
