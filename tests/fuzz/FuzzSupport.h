@@ -20,19 +20,13 @@ namespace fuzz {
 // Our own messages are expected on hostile input and only slow the run down. A library
 // warning or critical, or a failed precondition anywhere, means the input reached code
 // with arguments it must never get: that is a finding, so it aborts with the message.
-inline bool is_finding(const char* domain, GLogLevelFlags level, const char* message) {
-    const GLogLevelFlags severity = static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK);
-    if (severity & G_LOG_LEVEL_ERROR)
-        return true;
-    if (!(severity & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING)))
-        return false;
-    if (domain && *domain)
-        return true;
-    return severity == G_LOG_LEVEL_CRITICAL && message && strstr(message, "assertion '");
-}
-
 inline void report(const char* domain, GLogLevelFlags level, const char* message) {
-    if (!is_finding(domain, level, message))
+    const int severity = level & G_LOG_LEVEL_MASK;
+    const bool library =
+        domain && *domain && (severity & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    const bool failed_check =
+        severity == G_LOG_LEVEL_CRITICAL && message && strstr(message, "assertion '");
+    if (!(severity & G_LOG_LEVEL_ERROR) && !library && !failed_check)
         return;
     fprintf(stderr, "unexpected log message: %s: %s\n", domain ? domain : "(none)",
             message ? message : "(null)");
@@ -57,7 +51,6 @@ inline GLogWriterOutput log_writer(GLogLevelFlags level, const GLogField* fields
     return G_LOG_WRITER_HANDLED;
 }
 
-// Call once, from LLVMFuzzerInitialize.
 // A path in the run's scratch directory, which is removed at exit.
 inline std::string scratch_file(const std::string& name) {
     static const struct Dir {

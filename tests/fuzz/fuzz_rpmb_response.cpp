@@ -43,68 +43,22 @@ void check(bool condition) {
         abort();
 }
 
-// The common outcome: the card's error, a wrong response type, or its result code.
-void check_result(const ScriptedCard& card, int rc, int saved_errno, uint16_t type) {
-    if (card.fail) {
+// One call with `nrsp` responses, then the card's error, a wrong response type, or its
+// result code; true when the operation succeeded and its outputs are to be checked.
+bool answered(const ScriptedCard& card, int rc, unsigned long nrsp, uint16_t type) {
+    const int saved_errno = errno;
+    check(card.calls == 1 && card.responses == nrsp);
+    if (card.fail)
         check(rc == -1 && saved_errno == EIO);
-    } else if (card.answers.front().type() != type) {
+    else if (card.answers.front().type() != type)
         check(rc == -1 && saved_errno == EILSEQ);
-    } else {
+    else
         check(rc == card.answers.front().result());
-    }
+    return rc >= 0;
 }
 
-void read_counter(ScriptedCard& card, bool with_nonce) {
-    const unsigned char nonce[RPMB::NONCE_SIZE] = {1, 2, 3};
-    unsigned int counter = 0;
-    unsigned char mac[RPMB::MAC_SIZE] = {};
-    const int rc = card.read_counter(with_nonce ? nonce : nullptr, &counter, mac);
-    const int saved_errno = errno;
-    check(card.calls == 1 && card.responses == 1);
-    check_result(card, rc, saved_errno, RPMB::TYPE_COUNTER_READ_RSP);
-    if (rc >= 0)
-        check(counter == card.answers[0].write_counter() &&
-              memcmp(mac, card.answers[0].mac, sizeof mac) == 0);
-}
-
-void read(ScriptedCard& card, unsigned long address, unsigned long count, bool with_nonce) {
-    const unsigned char nonce[RPMB::NONCE_SIZE] = {4, 5, 6};
-    std::vector<unsigned char> data(count * RPMB::BLOCK_SIZE);  // exactly what it may fill
-    unsigned char mac[RPMB::MAC_SIZE] = {};
-    const int rc = card.read(address, count, with_nonce ? nonce : nullptr, data.data(), mac);
-    const int saved_errno = errno;
-    if (count == 0) {
-        check(rc == 0 && card.calls == 0);
-        return;
-    }
-    check(card.calls == 1 && card.responses == count);
-    check_result(card, rc, saved_errno, RPMB::TYPE_DATA_READ_RSP);
-    if (rc < 0)
-        return;
-    for (unsigned long i = 0; i < count; ++i)
-        check(memcmp(&data[i * RPMB::BLOCK_SIZE], card.answers[i].data, RPMB::BLOCK_SIZE) == 0);
-    check(memcmp(mac, card.answers.back().mac, sizeof mac) == 0);
-}
-
-void write(ScriptedCard& card, unsigned long address, unsigned long count) {
-    std::vector<unsigned char> data(count * RPMB::BLOCK_SIZE, 0xd7);
-    const unsigned char mac[RPMB::MAC_SIZE] = {7, 8, 9};
-    unsigned char rsp_mac[RPMB::MAC_SIZE] = {};
-    unsigned int rsp_counter = 0;
-    unsigned short rsp_address = 0;
-    const int rc =
-        card.write(address, count, 42, data.data(), mac, rsp_mac, &rsp_counter, &rsp_address);
-    const int saved_errno = errno;
-    if (count == 0 || count > 2) {
-        check(card.calls == 0 && (count == 0 ? rc == 0 : rc == -1 && saved_errno == EINVAL));
-        return;
-    }
-    check(card.calls == 1 && card.responses == 1);
-    check_result(card, rc, saved_errno, RPMB::TYPE_DATA_WRITE_RSP);
-    if (rc >= 0)
-        check(rsp_counter == card.answers[0].write_counter() &&
-              rsp_address == card.answers[0].address() &&
-              memcmp(rsp_mac, card.answers[0].mac, sizeof rsp_mac) == 0);
+bool same_mac(const unsigned char* mac, const Frame& frame) {
+    return memcmp(mac, frame.mac, RPMB::MAC_SIZE) == 0;
 }
 
 }  // namespace
@@ -118,16 +72,38 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Addresses beyond 16 bits must be cut to their low 16 bits.
     const unsigned long address = (data[2] << 8 | data[3]) + (op & 0x40 ? 0x12340000ul : 0);
     ScriptedCard card(data + 4, size - 4, op & 0x10);
-    switch (op % 3) {
-        case 0:
-            read_counter(card, op & 0x20);
-            break;
-        case 1:
-            read(card, address, count, op & 0x20);
-            break;
-        default:
-            write(card, address, count % 4);
-            break;
+    const unsigned char nonce[RPMB::NONCE_SIZE] = {1, 2, 3};
+    const unsigned char* const maybe_nonce = op & 0x20 ? nonce : nullptr;
+    unsigned char mac[RPMB::MAC_SIZE] = {};
+    unsigned int counter = 0;
+    const auto& answers = card.answers;
+    if (op % 3 == 0) {
+        const int rc = card.read_counter(maybe_nonce, &counter, mac);
+        if (answered(card, rc, 1, RPMB::TYPE_COUNTER_READ_RSP))
+            check(counter == answers[0].write_counter() && same_mac(mac, answers[0]));
+    } else if (op % 3 == 1) {
+        std::vector<unsigned char> blocks(count * RPMB::BLOCK_SIZE);  // exactly what it may fill
+        const int rc = card.read(address, count, maybe_nonce, blocks.data(), mac);
+        if (count == 0) {
+            check(rc == 0 && card.calls == 0);
+        } else if (answered(card, rc, count, RPMB::TYPE_DATA_READ_RSP)) {
+            for (unsigned long i = 0; i < count; ++i)
+                check(memcmp(&blocks[i * RPMB::BLOCK_SIZE], answers[i].data, RPMB::BLOCK_SIZE) ==
+                      0);
+            check(same_mac(mac, answers.back()));
+        }
+    } else {
+        const unsigned long blocks = count % 4;
+        const std::vector<unsigned char> payload(blocks * RPMB::BLOCK_SIZE, 0xd7);
+        const unsigned char request_mac[RPMB::MAC_SIZE] = {7, 8, 9};
+        unsigned short rsp_address = 0;
+        const int rc = card.write(address, blocks, 42, payload.data(), request_mac, mac, &counter,
+                                  &rsp_address);
+        if (blocks == 0 || blocks > 2)
+            check(card.calls == 0 && (blocks == 0 ? rc == 0 : rc == -1 && errno == EINVAL));
+        else if (answered(card, rc, 1, RPMB::TYPE_DATA_WRITE_RSP))
+            check(counter == answers[0].write_counter() && rsp_address == answers[0].address() &&
+                  same_mac(mac, answers[0]));
     }
     return 0;
 }

@@ -16,7 +16,8 @@ import pytest
 import zeltest
 from enrollserver import EnrollServer, Fault
 from enrollserver.rpmb import b64, rpmb_mac
-from rpmbframes import KEY, NO_MMC_EMULATION, SHIM, make_simulator, random_blocks, rpmbsim
+from rpmbframes import (DATA_READ, KEY, NO_MMC_EMULATION, READ_RSP, SHIM, WRITE_RSP, fields, frame,
+                        mac, make_simulator, random_blocks, relay, rpmbsim, write_request)
 
 PROTO = "emmc-rpmb-csr"
 DONE = "enrollment completed successfully"
@@ -243,12 +244,18 @@ def test_missing_rpmb_is_opened_again_next_time(sandbox, start_daemon, rpmb_serv
 
 
 class MmcUtils:
-    """mmc-utils' `mmc rpmb` on the shim's node: a client of the RPMB written by others."""
+    """mmc-utils' `mmc rpmb` and rpmbsim on the shim's node: clients of the RPMB written by
+    others. rpmbsim's ioctls are logged to check that it raises CAP_SYS_RAWIO around each;
+    holding no other capability, it writes only to `scratch`, a directory root owns."""
 
-    def __init__(self, rpmb, node):
+    def __init__(self, rpmb, node, scratch):
         self.rpmb, self.node, self.key = rpmb, node, rpmb.base.parent / "given.key"
+        self.scratch = scratch
         self.env = dict(os.environ, LD_PRELOAD=str(SHIM), ZEL_MMC_SHIM_RPMB=str(rpmb.base),
                         ZEL_MMC_SHIM_NODE=str(node))
+        self.log = scratch / "rpmbsim.log"
+        self.tool_env = dict(self.env, ZEL_MMC_SHIM_LOG=str(self.log),
+                             ASAN_OPTIONS="verify_asan_link_order=0")
 
     def __call__(self, *args):
         run = subprocess.run(["mmc", "rpmb", *map(str, args)], env=self.env,
@@ -256,37 +263,56 @@ class MmcUtils:
         assert run.returncode == 0, run.stderr
         return run.stdout
 
+    def tool(self, *args):
+        run = rpmbsim(*args, "--key-file", self.key, env=self.tool_env)
+        assert run.returncode == 0, run.stderr
+        return run.stdout
+
     def counter(self):
         text = self("read-counter", self.node).decode()
-        assert rpmbsim("info", self.rpmb.base).stdout.decode().startswith(
-            f"counter: {self.rpmb.counter}\n")
+        assert self.tool("info", self.node) == f"counter: {self.rpmb.counter}\n".encode()
         return int(re.fullmatch(r"Counter value: (0x[0-9a-f]{8})\n", text)[1], 16)
 
     def block(self, n):
-        """Block n as mmc-utils reads it (checking the MAC) and as `rpmbsim read` does."""
-        mine, theirs = self.node.parent / "mmc.out", self.node.parent / "rpmbsim.out"
+        """Block n as mmc-utils and rpmbsim read it (each checking the MAC)."""
+        mine, theirs = self.scratch / "mmc.out", self.scratch / "rpmbsim.out"
         mine.unlink(missing_ok=True)  # mmc-utils appends to an existing file
         self("read-block", self.node, n, 1, mine, self.key)
-        assert rpmbsim("read", self.rpmb.base, n, "--out", theirs).returncode == 0
+        self.tool("read", self.node, n, "--out", theirs)
         assert mine.read_bytes() == theirs.read_bytes() == self.rpmb.block(n)
         return mine.read_bytes()
+
+    def two_blocks(self, counter, address):
+        """rpmbsim's raw two-block write and read through the node."""
+        data = random_blocks(2)
+        (rsp,) = relay(self.node, write_request(data, counter, address), 1, env=self.tool_env)
+        assert fields(rsp) == (counter + 1, address, 0, 0, WRITE_RSP) and rsp[196:228] == mac(
+            [rsp])
+        rsp = relay(self.node, [frame(DATA_READ, address=address)], 2, env=self.tool_env)
+        assert [fields(f)[1:] for f in rsp] == [(address, 2, 0, READ_RSP)] * 2
+        assert b"".join(f[228:484] for f in rsp) == data and rsp[1][196:228] == mac(rsp)
 
 
 @pytest.mark.root
 @pytest.mark.native(NO_MMC_EMULATION)
-def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
+def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server, tmp_path):
     # Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
-    # mmc-utils, on the same node, agrees on the RPMB before and after.
+    # mmc-utils and rpmbsim, on the same node, agree on the RPMB before and after.
     box = nobody_sandbox
     rpmb = Rpmb(box.root)
     node, log = box.root / "mmcblk0rpmb", box.root / "shim.log"
     os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
-    mmc = MmcUtils(rpmb, node)
+    mmc = MmcUtils(rpmb, node, tmp_path)
     assert mmc.counter() == 0 and mmc.block(0) == DEVID
     data = box.root / "block"
     data.write_bytes(random_blocks(1))
     mmc("write-block", node, 2, data, mmc.key)  # the simulator checks mmc-utils' MAC
     assert mmc.counter() == 1 and mmc.block(2) == data.read_bytes()
+    mmc.two_blocks(1, 6)
+    tool_log = mmc.log.read_text().splitlines()
+    assert len(tool_log) == 12 and all(re.fullmatch(  # six runs of one ioctl each
+        r"ioctl cmds=\d type=0x000\d nreq=\d nrsp=\d cap_eff=0000000000020000 rc=0|"
+        r"exit cap_eff=0{16}", line) for line in tool_log), tool_log
     log.touch()
     for path in (node, log, *box.root.glob("rpmb.*")):
         shutil.chown(path, "nobody")
@@ -296,9 +322,11 @@ def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server):
                                    user="nobody", base_url=rpmb_server.url), env=env)
     daemon.wait_for_message(DONE, timeout=15)
     assert daemon.stop() == 0
+    for path in box.root.glob("rpmb.*"):
+        shutil.chown(path, "root")  # for rpmbsim, which holds no CAP_DAC_OVERRIDE
 
     assert [r.path for r in rpmb_server.requests] == PATHS
-    assert mmc.counter() == 2 and mmc.block(2) == data.read_bytes()
+    assert mmc.counter() == 3 and mmc.block(2) == data.read_bytes()
     assert mmc.block(1) == rpmb_server.protocol(PROTO).authorised[-1][2]
     lines = log.read_text().splitlines()
     ioctls = [dict(f.split("=") for f in line.split()[1:]) for line in lines[:-1]]

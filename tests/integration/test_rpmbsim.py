@@ -55,21 +55,6 @@ def test_write_with_an_independent_mac_is_accepted_and_answered_with_one(base, a
     assert counter_of(base) == 1
 
 
-def test_a_flipped_bit_anywhere_in_the_mac_input_is_refused(base):
-    data = random_blocks(2)
-    for offset in list(range(228, 512, 9)) + [483, 484, 499, 503, 505, 507, 509, 511]:
-        for index in (0, 1):
-            frames = write_request(data, 0, 10)
-            frames[index][offset] ^= 0x10
-            rsp = relay(base, frames, 1)
-            if rsp is None:
-                continue  # a changed type is refused as an invalid operation
-            result = fields(rsp[0])[3]
-            assert result in ((2,) if offset < 484 else (1, 2, 3, 4)), (offset, index, result)
-    assert counter_of(base) == 0
-    assert (base.parent / "rpmb.data").read_bytes() == CONTENTS
-
-
 def tampered(frames, index=0, offset=None, bits=1):
     if offset is not None:
         frames[index][offset] ^= bits
@@ -86,6 +71,7 @@ C = lambda **f: [frame(COUNTER_READ, nonce=NONCE, **f)]  # noqa: E731
 REFUSALS = {
     "write-wrong-mac": (0, W(0, 1, 1, 0, 227), 1, 2),
     "write-data-changed": (0, W(0, 2, 2, 1, 483, 0x80), 1, 2),
+    "write-first-data-changed": (0, W(0, 2, 2, 0, 228), 1, 2),
     "write-stale-counter": (5, W(4, 1, 1), 1, 3),
     "write-two-blocks-odd": (0, W(0, 3, 2), 1, 4),
     "write-beyond-end": (0, W(0, 512, 1), 1, 4),

@@ -41,6 +41,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "RPMBSimulator.h"
@@ -70,20 +71,13 @@ void log_line(const char* format, ...) {
 
 // The effective capability mask as /proc shows it, or "unknown".
 std::string cap_eff() {
-    std::string mask = "unknown";
-    FILE* const status = fopen("/proc/self/status", "r");
-    if (!status)
-        return mask;
-    char line[256];
-    while (fgets(line, sizeof(line), status)) {
-        if (strncmp(line, "CapEff:", 7) == 0) {
-            mask = line + 7;
-            mask.erase(0, mask.find_first_not_of(" \t"));
-            mask.erase(mask.find_last_not_of(" \t\n") + 1);
-        }
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("CapEff:", 0) == 0 && line.find_first_not_of(" \t", 7) != line.npos)
+            return line.substr(line.find_first_not_of(" \t", 7));
     }
-    fclose(status);
-    return mask;
+    return "unknown";
 }
 
 bool is_shim_node(int fd) {
