@@ -6,6 +6,7 @@ import subprocess
 import time
 
 import pytest
+from enrollserver import Fault
 
 DONE = "enrollment completed successfully"
 
@@ -17,17 +18,17 @@ def enroll(sandbox, start_daemon, server, *extra, **kwargs):
     return daemon
 
 
-def stored_service(sandbox):
-    return json.loads((sandbox.services_dir / "aws-iot" / "service.json").read_text())
-
-
 def status(sandbox):
     return json.loads(sandbox.status_file.read_text())
 
 
-def squeezed(text):
-    """JSON text without the white space between tokens."""
+def squeezed(text):  # JSON text without the white space between tokens
     return re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda m: m.group(1) or "", text)
+
+
+def public_key(sandbox):
+    return subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
+                          capture_output=True, text=True, check=True).stdout
 
 
 @pytest.mark.arm64
@@ -36,13 +37,20 @@ def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     server.service_members = ('"ints": [0, -1, 9223372036854775807, -9223372036854775808], '
                               '"halves": [0.5, -1.25], "long": "' + "x/" * 30000 + '", '
                               '"nested": {"a": {"b": [true, null, {}, []]}}')
-    daemon = enroll(sandbox, start_daemon, server)
-
+    daemon = enroll(sandbox, start_daemon, server, "--user-serial=U1", "--chassis-serial=C4",
+                    "--protocol=noauth-csr", serial="SN-42", fwver="2.1.0")
+    assert daemon.has_message("initiating enrollment with protocol(s): noauth-csr")
     assert [r.path for r in server.requests] == [
         "/enroll/initiate", "/enroll/CSRVerify", "/enroll/acknowledge"]
     for record in server.requests:
         assert record.headers["Content-Type"] == "application/json"
         assert record.headers["User-Agent"].startswith("zelenrolld/1.0 libsoup/")
+    body = server.requests[0].json
+    assert list(body.items()) == [
+        ("device", {"serial": "SN-42", "model": "MP-100", "brand": "Acme",
+                    "altSerial": {"user": "U1", "chassis": "C4"}}),
+        ("firmwareVersion", "2.1.0"), ("enrollmentProtocols", ["noauth-csr"]),
+        ("publicKey", public_key(sandbox)), ("enrollService", "aws-iot")]
 
     # The service is stored exactly as sent, pretty-printed, and its certificate is the one
     # issued for the device key.
@@ -52,9 +60,7 @@ def test_noauth_csr_enrollment(sandbox, start_daemon, server):
     assert "\n  " in text
     cert = subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=sent["certificate"],
                           capture_output=True, text=True, check=True).stdout
-    key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
-                         capture_output=True, text=True, check=True).stdout
-    assert cert == key
+    assert cert == public_key(sandbox)
 
     assert server.requests[-1].json["acknowledgedServices"] == {
         "aws-iot": {"status": "saved"}, "other": {"status": "unknown"}}
@@ -69,36 +75,15 @@ def test_noauth_csr_enrollment(sandbox, start_daemon, server):
 
 
 def test_initiate_body(sandbox, start_daemon, server):
-    daemon = enroll(sandbox, start_daemon, server, "--user-serial=U1", "--chassis-serial=C4",
-                    "--protocol=noauth-csr", serial="SN-42", fwver="2.1.0")
-    body = server.requests[0].json
-    public_key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
-                                capture_output=True, text=True, check=True).stdout
-    assert body == {
-        "device": {"serial": "SN-42", "model": "MP-100", "brand": "Acme",
-                   "altSerial": {"user": "U1", "chassis": "C4"}},
-        "firmwareVersion": "2.1.0",
-        "enrollmentProtocols": ["noauth-csr"],
-        "publicKey": public_key,
-        "enrollService": "aws-iot",
-    }
-    assert list(body) == ["device", "firmwareVersion", "enrollmentProtocols", "publicKey",
-                          "enrollService"]
-    assert daemon.has_message("initiating enrollment with protocol(s): noauth-csr")
-    daemon.stop()
-
     # No alternative serials, an empty firmware version, the protocols as given (duplicates
     # kept) and no public key with --force-new-cert.
-    sandbox.status_file.unlink()
-    server.reset()
     daemon = start_daemon(sandbox.args("--force-new-cert", "--protocol=noauth-csr",
                                        "--protocol=noauth-csr", fwver="",
                                        base_url=server.url))
     server.wait_for_request("/initiate")
-    body = server.requests[0].json
-    assert body == {"device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
-                    "enrollmentProtocols": ["noauth-csr", "noauth-csr"],
-                    "enrollService": "aws-iot"}
+    assert server.requests[0].json == {
+        "device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
+        "enrollmentProtocols": ["noauth-csr", "noauth-csr"], "enrollService": "aws-iot"}
     daemon.wait_for_message(DONE, timeout=15)
 
 
@@ -124,21 +109,15 @@ def test_enrolled_state_survives_restart_until_base_url_changes(sandbox, start_d
     assert state["enrolled"] is True and state["lastEnrollBaseURL"] == second_server.url
     assert state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
     assert "forcedEnrollTStamp" in state
-    assert stored_service(sandbox) == second_server.sent_services[-1]["aws-iot"]
+    service = json.loads((sandbox.services_dir / "aws-iot" / "service.json").read_text())
+    assert service == second_server.sent_services[-1]["aws-iot"]
 
 
 def test_disabled_enroller_sends_nothing(sandbox, start_daemon, server):
     daemon = start_daemon(sandbox.args("--disable", base_url=server.url))
     daemon.wait_for_message("enroller disabled, not scheduling retry")
     time.sleep(2.5)
-    assert server.requests == []
-    assert sandbox.disabled_marker.exists()
-    assert status(sandbox)["enabled"] is False
-    daemon.stop()
-
-    # Enabling it again removes the marker and enrolls.
-    enroll(sandbox, start_daemon, server, "--disable", "--enable")
-    assert not sandbox.disabled_marker.exists()
+    assert server.requests == [] and status(sandbox)["enabled"] is False
 
 
 UNSAVED = "failed saving aws-iot service confiuration: "
@@ -186,3 +165,45 @@ def test_unreadable_key_and_trailing_slashes_of_base_url(sandbox, start_daemon, 
     assert "publicKey" not in server.requests[0].json
     daemon.wait_for_log(re.escape(f"failed to read key from '{sandbox.key}': "))
     daemon.wait_for_log("failed to create CSR: ")
+
+
+# GLib's second-granularity timers may fire up to a quarter second before their interval is
+# over, and the spacing counts from when the daemon queued the previous request, a little
+# before the server saw it: hence the slack below the spacing. Other error codes wait for the
+# armed retry.
+@pytest.mark.parametrize("http,code,retry,gap", [
+    (410, "CallbackDataExpiredException", 0, (0.0, 0.7)),
+    (410, "CallbackDataExpiredException", 3, (2.7, 4.3)),
+    (400, "InvalidCSRException", 0, None)], ids=["expired", "expired-spaced", "other"])
+def test_expired_callback_data_restarts_after_the_spacing(sandbox, start_daemon, server, http,
+                                                          code, retry, gap):
+    server.inject("/CSRVerify", Fault.error(http, code))
+    daemon = start_daemon(sandbox.args(f"--retry={retry}", base_url=server.url))
+    daemon.wait_for_log(rf"request failed with status code: {http}, code: {code}, server "
+                        r"time: \S+, msg: ")
+    if gap is None:
+        time.sleep(1.5)
+        assert [r.path for r in server.requests] == ["/enroll/initiate", "/enroll/CSRVerify"]
+        return
+    daemon.wait_for_message(DONE, timeout=15)
+    assert len(server.requests) == 5 and server.requests[2].path == "/enroll/initiate"
+    assert gap[0] <= server.requests[2].time - server.requests[1].time <= gap[1]
+
+
+def test_retry_backoff(sandbox, start_daemon, server):
+    server.inject("/initiate", Fault.error(500, "InternalServerError"), times=10)
+    daemon = start_daemon(sandbox.args("--retry=1", "--debug", base_url=server.url))
+    server.wait_for_request("/initiate", count=4, timeout=20)
+    daemon.stop()
+    announced = [(float(h) * 3600 + float(m) * 60 + float(sec), int(mult), int(n))
+                 for h, m, sec, mult, n in re.findall(
+                     r"(\d\d):(\d\d):([\d.]+): retrying enroll \(multiplier (\d+)\), "
+                     r"next retry in (\d+) secs", daemon.output())]
+    assert [m for _, m, _ in announced[:4]] == [1, 2, 4, 8]
+    for _, multiplier, delay in announced:
+        assert 1 <= delay <= 1 + multiplier
+    # Each firing comes when the previous one said it would (second-granularity timers, which
+    # may fire up to a quarter second early), timed by the daemon's own clock so that the
+    # latency of the HTTP requests does not count.
+    for (armed, _, delay), (fired, _, _) in zip(announced, announced[1:]):
+        assert delay - 0.3 <= fired - armed <= delay + 1.2

@@ -71,8 +71,8 @@ def process_alive(pid):
 
 
 def build_command(build, binary, *args):
-    """The command running `binary` (a path inside a build directory) of `build` (NATIVE or
-    TARGET) with `args`, through that build's runner."""
+    # The command running `binary` (a path inside a build directory) of `build` (NATIVE or
+    # TARGET) with `args`, through that build's runner.
     directory, runner = build
     return [*runner, str(directory / binary), *map(str, args)]
 
@@ -100,23 +100,12 @@ def wait_until(predicate, timeout, interval=0.02):  # the predicate's last resul
 
 
 def namespace_command(command, mounts):
-    # `command` run in a private mount namespace with `mounts` ({target: source}) bound
-    # over the real paths; a source ("ro", path) binds read-only, ("full-tmpfs", size) mounts
-    # a tmpfs of that size filled up. The final exec keeps the PID of the started process.
+    # `command` run in a private mount namespace with `mounts` ({target: source}) bound over
+    # the real paths. The final exec keeps the PID of the started process.
     if not mounts:
         return list(command)
-    script = ["set -e"]
-    for target, source in mounts.items():
-        target = shlex.quote(str(target))
-        if isinstance(source, tuple):  # ("ro", path) or ("full-tmpfs", size)
-            kind, arg = source
-            if kind == "ro":
-                script.append(f"mount --bind -o ro {shlex.quote(str(arg))} {target}")
-            else:
-                script.append(f"mount -t tmpfs -o size={arg} tmpfs {target}")
-                script.append(f"cat /dev/zero >{target}/.filler 2>/dev/null || true")
-        else:
-            script.append(f"mount --bind {shlex.quote(str(source))} {target}")
+    script = ["set -e"] + [f"mount --bind {shlex.quote(str(source))} {shlex.quote(str(target))}"
+                           for target, source in mounts.items()]
     script.append("exec " + " ".join(shlex.quote(str(arg)) for arg in command))
     return ["unshare", "--mount", "--propagation", "private", "/bin/sh", "-c", "\n".join(script)]
 
@@ -192,8 +181,8 @@ class Daemon:
         self.log = None
         self.proc = None
 
-    def command(self, extra=()):
-        args = list(self.args) + list(extra)
+    def command(self):
+        args = list(self.args)
         if not self.daemonize and "--no-daemon" not in args:
             args.append("--no-daemon")
         return namespace_command(self.runner + [str(self.binary)] + args, self.mounts)
@@ -327,33 +316,8 @@ def read_pid_file(directory=PID_DIR):
         return None
 
 
-def write_key(path, algorithm="EC"):
-    # A PEM private key made with openssl genpkey: "EC" (P-256, fast) or "RSA" (2048).
-    options = (["-pkeyopt", "ec_paramgen_curve:P-256"] if algorithm == "EC"
-               else ["-pkeyopt", "rsa_keygen_bits:2048"])
-    subprocess.run(["openssl", "genpkey", "-algorithm", algorithm, *options, "-out", str(path)],
-                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=30)
-    return Path(path)
-
-
-DEFAULT_BRANDING = {
-    "brand": "Acme",
-    "model": "MP-100",
-    "enrollProtocols": ["noauth-csr"],
-    "enrollRootUrl": "http://127.0.0.1:9/enroll",
-    "enabledByDefault": True,
-}
-
-
-def write_branding(path, contents=None, **fields):
-    # A branding file: `contents` as raw text, or DEFAULT_BRANDING updated with `fields`
-    # (a field set to None is left out).
-    if contents is None:
-        data = dict(DEFAULT_BRANDING)
-        data.update(fields)
-        contents = json.dumps({k: v for k, v in data.items() if v is not None})
-    Path(path).write_text(contents)
-    return Path(path)
+DEFAULT_BRANDING = {"brand": "Acme", "model": "MP-100", "enrollProtocols": ["noauth-csr"],
+                    "enrollRootUrl": "http://127.0.0.1:9/enroll", "enabledByDefault": True}
 
 
 class Sandbox:
@@ -366,8 +330,11 @@ class Sandbox:
         self.root = Path(tempfile.mkdtemp(prefix="zel-"))
         os.chmod(self.root, 0o755)
         self.owner = owner
-        self.branding = write_branding(self.root / "branding.json")
-        self.key = write_key(self.root / "device.key")
+        self.branding = self.write_branding()
+        self.key = self.root / "device.key"  # P-256: fast to make
+        subprocess.run(["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
+                        "ec_paramgen_curve:P-256", "-out", str(self.key)], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=30)
         self.status_file = self.root / "status"
         self.services_dir = self.root / "services"
         self.services_dir.mkdir()
@@ -395,9 +362,12 @@ class Sandbox:
         return path
 
     def write_branding(self, name="branding.json", contents=None, **fields):
-        path = write_branding(self.root / name, contents, **fields)
-        self._chown()
-        return path
+        # A branding file: `contents` as raw text, or DEFAULT_BRANDING updated with `fields`
+        # (a field set to None is left out).
+        if contents is None:
+            data = {**DEFAULT_BRANDING, **fields}
+            contents = json.dumps({k: v for k, v in data.items() if v is not None})
+        return self.write(name, contents)
 
     @property
     def disabled_marker(self):
@@ -488,9 +458,9 @@ def enroller_property(name, bus="system", user=None):
 class Process:
     # A helper process whose output lines are collected in `log` (LogLines).
 
-    def __init__(self, command, env=None):
+    def __init__(self, command):
         self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                     stderr=subprocess.STDOUT, env=env)
+                                     stderr=subprocess.STDOUT)
         self.log = LogLines(self.proc.stdout)
 
     def stop(self):
