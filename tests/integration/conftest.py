@@ -17,10 +17,9 @@ def pytest_configure(config):
 
 def pytest_collection_modifyitems(items):
     # The ways tests are skipped: the `root` marker, and `native` under an emulator.
-    skip = pytest.mark.skip(reason="needs root")
     for item in items:
         if item.get_closest_marker("root") and not zeltest.is_root():
-            item.add_marker(skip)
+            item.add_marker(pytest.mark.skip(reason="needs root"))
         native = item.get_closest_marker("native")
         if native and zeltest.RUNNER:
             item.add_marker(pytest.mark.skip(reason="native only: " + native.args[0]))
@@ -29,7 +28,6 @@ def pytest_collection_modifyitems(items):
 @pytest.fixture(scope="session", autouse=True)
 def daemon_binary():
     assert zeltest.DAEMON.is_file(), f"{zeltest.DAEMON} is not built (ZEL_BUILD_DIR?)"
-    return zeltest.DAEMON
 
 
 @pytest.fixture(autouse=True)
@@ -59,48 +57,24 @@ def nobody_sandbox():
     box.cleanup()
 
 
+def factory(kind, finish):
+    # A fixture's factory of started `kind` objects, each passed to `finish` after the test.
+    made = []
+    yield lambda *args, **kwargs: made.append(kind(*args, **kwargs).start()) or made[-1]
+    for thing in reversed(made):
+        finish(thing)
+
+
 @pytest.fixture
 def start_daemon():
-    # start_daemon(args, **Daemon options): a started zeltest.Daemon, cleaned up after.
-    daemons = []
-
-    def start(args, **kwargs):
-        daemon = zeltest.Daemon(args, **kwargs)
-        daemons.append(daemon)
-        return daemon.start()
-
-    yield start
-    for daemon in reversed(daemons):
-        daemon.cleanup()
-
-
-@pytest.fixture
-def identity(sandbox):
-    # identity(**IdentityFiles options): files whose `mounts` go to start_daemon (root).
-    made = []
-
-    def make(**kwargs):
-        files = zeltest.IdentityFiles(sandbox, **kwargs)
-        made.append(files)
-        return files
-
-    yield make
-    for files in made:
-        files.cleanup()
+    # start_daemon(args, **Daemon options): a started zeltest.Daemon.
+    yield from factory(zeltest.Daemon, zeltest.Daemon.cleanup)
 
 
 @pytest.fixture
 def helpers():
     # helpers(command): a started zeltest.Process, stopped at the end of the test.
-    started = []
-
-    def start(command):
-        started.append(zeltest.Process([str(a) for a in command]))
-        return started[-1]
-
-    yield start
-    for process in reversed(started):
-        process.stop()
+    yield from factory(zeltest.Process, zeltest.Process.stop)
 
 
 @pytest.fixture(scope="session")

@@ -1,6 +1,7 @@
 # How zelenrolld merges options, branding and system identity into its configuration.
 
 import re
+from pathlib import Path
 
 import pytest
 from zeltest import message_re
@@ -8,14 +9,7 @@ from zeltest import message_re
 SUPPORTED = ("only 'emmc-rpmb-csr', 'tpm2-authkey-csr' and 'noauth-csr' enrollment protocols "
              "are supported")
 INVALID = "branding file is invalid"
-
-
-def start_and_stop(start_daemon, args, **kwargs):
-    # Starts the daemon, waits for its main loop and stops it; the Daemon.
-    daemon = start_daemon(args, **kwargs)
-    daemon.wait_ready()
-    assert daemon.stop() == 0
-    return daemon
+CORVANTA = Path("/etc/corvanta")
 
 
 def refused(start_daemon, args, message, **kwargs):
@@ -68,44 +62,55 @@ def test_refused(sandbox, start_daemon, make, message):
     assert ("using non-default enroll base URL" in daemon.output()) == (message != INVALID)
 
 
-STARTED = [  # (arguments of the sandbox, the base URL message or None)
+STARTED = [  # (arguments of the sandbox, the base URL message or None, marker left)
     (lambda b: b.args(base_url="http://127.0.0.1:9/api///"),
-     "using non-default enroll base URL 'http://127.0.0.1:9/api///'"),
+     "using non-default enroll base URL 'http://127.0.0.1:9/api///'", False),
     (lambda b: branded(b, enrollRootUrl="http://127.0.0.1:9/root//", base_url=False),
-     "using default enroll base URL 'http://127.0.0.1:9/root//'"),
-    (lambda b: branded(b, enrollRootUrl="", base_url=False), "using default enroll base URL ''"),
-    (lambda b: branded(b, "--model=X", model=""), None),
-    (lambda b: branded(b, "--brand=X", brand=""), None),
+     "using default enroll base URL 'http://127.0.0.1:9/root//'", False),
+    (lambda b: branded(b, enrollRootUrl="", base_url=False), "using default enroll base URL ''",
+     False),
+    (lambda b: branded(b, "--model=X", model=""), None, False),
+    (lambda b: branded(b, "--brand=X", brand=""), None, False),
     # Options replace the branding's protocols, duplicates allowed.
     (lambda b: branded(b, "--protocol=noauth-csr", "--protocol=noauth-csr", enrollProtocols=[]),
-     None),
-    (lambda b: branded(b, "--protocol=noauth-csr", enrollProtocols=["foo"]), None),
-    # Enabled, removing a marker that cannot exist is fine.
-    (lambda b: b.args("--enable", f"--services-dir={b.root / 'none'}"), None),
-    (lambda b: b.args("--retry=0", "--timeout=0", "--dump-http=3"), None),
+     None, False),
+    (lambda b: branded(b, "--protocol=noauth-csr", enrollProtocols=["foo"]), None, False),
+    # Enabled, removing a marker that cannot exist is fine (the sandbox's is left).
+    (lambda b: b.args("--enable", f"--services-dir={b.root / 'none'}"), None, True),
+    (lambda b: b.args("--retry=0", "--timeout=0", "--dump-http=3"), None, False),
+    # The disabled marker follows the options, then the branding (None: absent from it).
+    (lambda b: branded(b, enabledByDefault=False), None, True),
+    (lambda b: branded(b, enabledByDefault=None), None, True),
+    (lambda b: b.args("--disable"), None, True),
+    (lambda b: branded(b, "--enable", enabledByDefault=False), None, False),
+    (lambda b: b.args("--enable", "--disable"), None, True),
+    (lambda b: branded(b, "--disable", "--enable", enabledByDefault=False), None, False),
 ]
 
 
-@pytest.mark.parametrize("make,message", STARTED)
-def test_started(sandbox, start_daemon, make, message):
-    daemon = start_and_stop(start_daemon, make(sandbox))
+@pytest.mark.parametrize("make,message,marker_left", STARTED)
+def test_started(sandbox, start_daemon, make, message, marker_left):
+    marker = sandbox.services_dir / "_DISABLED"
+    marker.write_text("")  # a stale marker must go when enrollment is enabled
+    daemon = start_daemon(make(sandbox))
+    daemon.wait_ready()
+    assert daemon.stop() == 0
     assert message is None or daemon.has_message(message) and daemon.output().count("using ") == 1
-
-
-@pytest.mark.parametrize("enabled_by_default,args,disabled", [
-    (True, [], False), (False, [], True), (None, [], True),  # None: absent from the branding
-    (True, ["--disable"], True), (False, ["--enable"], False),
-    (True, ["--enable", "--disable"], True), (False, ["--disable", "--enable"], False)])
-def test_disabled_marker_follows_options_then_branding(sandbox, start_daemon,
-                                                      enabled_by_default, args, disabled):
-    sandbox.disabled_marker.write_text("")  # a stale marker must go when enrollment is enabled
-    start_and_stop(start_daemon, branded(sandbox, *args, enabledByDefault=enabled_by_default))
-    assert sandbox.disabled_marker.exists() == disabled
-    assert not disabled or sandbox.disabled_marker.read_bytes() == b""
+    assert marker.exists() == marker_left and (not marker_left or marker.read_bytes() == b"")
 
 
 # Identity read from the system, through fixture files in a private mount namespace; the
 # "/initiate" request shows what the daemon made of them. No device: the start is refused.
+
+@pytest.fixture
+def corvanta():
+    # /etc/corvanta, for a directory of the test bound over it: made, if missing, for the test.
+    made = not CORVANTA.exists()
+    CORVANTA.mkdir(exist_ok=True)
+    yield
+    if made:
+        CORVANTA.rmdir()
+
 
 @pytest.mark.root
 @pytest.mark.parametrize("identifiers,cpuinfo,serial,device,firmware", [
@@ -119,15 +124,20 @@ def test_disabled_marker_follows_options_then_branding(sandbox, start_daemon,
     ("ZEL_SN=SN-FROM-FILE\n", "Serial\t\t: 00000000deadbeef\n", "", None, None),
 ], ids=["identifiers", "cpuinfo", "no-identifiers", "empty-values", "bad-quoting",
         "empty-option"])
-def test_identity_from_the_system(sandbox, start_daemon, identity, server, identifiers,
-                                  cpuinfo, serial, device, firmware):
-    files = identity(identifiers=identifiers, cpuinfo=cpuinfo,
-                     os_release='VERSION_ID="4.7.2"\n' if firmware else "ID=test\n")
+def test_identity_from_the_system(sandbox, start_daemon, corvanta, server, identifiers, cpuinfo,
+                                  serial, device, firmware):
+    (sandbox.root / "corvanta").mkdir()
+    if identifiers is not None:
+        sandbox.write("corvanta/identifiers", identifiers)
+    os_release = 'VERSION_ID="4.7.2"\n' if firmware else "ID=test\n"
+    mounts = {CORVANTA: sandbox.root / "corvanta",
+              "/proc/cpuinfo": sandbox.write("cpuinfo", cpuinfo),
+              "/etc/os-release": sandbox.write("os-release", os_release)}
     args = sandbox.args("--retry=0", serial=serial, fwver=None, base_url=server.url)
     if device is None:
-        refused(start_daemon, args, "no device serial number available", mounts=files.mounts)
+        refused(start_daemon, args, "no device serial number available", mounts=mounts)
         return
-    daemon = start_daemon(args, mounts=files.mounts)
+    daemon = start_daemon(args, mounts=mounts)
     server.wait_for_request("/initiate")
     body = server.requests[0].json
     assert body["device"] == dict(device, model="MP-100", brand="Acme")

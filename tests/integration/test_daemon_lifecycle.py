@@ -21,39 +21,40 @@ def test_signals_stop_the_loop_once(sandbox, start_daemon, signals):
     assert daemon.log.count(TERMINATING) == 1, daemon.output()
 
 
-# Daemon mode. The PID directory is private to each test (bound over /var/run/zelenroll
-# in a mount namespace), so that parallel runs do not meet.
+# Daemon mode. The PID directory is the sandbox (bound over /var/run/zelenroll in a mount
+# namespace), so that parallel runs do not meet.
+
+@pytest.fixture
+def daemonized(sandbox, start_daemon):
+    # daemonized(*args, code=0, env=None, **sandbox args): zelenrolld started in daemon mode,
+    # once its first process exited with `code`.
+    def start(*args, code=0, env=None, **kwargs):
+        daemon = start_daemon(sandbox.args(*args, **kwargs), daemonize=True, env=env,
+                              pid_dir=sandbox.root)
+        assert daemon.wait_exit() == code, daemon.output()
+        return daemon
+    return start
+
 
 @pytest.mark.root
-def test_daemon_starts_refuses_a_second_start_and_is_killed_then_kill_fails(sandbox,
-                                                                            start_daemon):
-    daemon = start_daemon(sandbox.args(), daemonize=True, pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 0, daemon.output()
+def test_daemon_mode_start_second_start_kill_and_failing_child(sandbox, daemonized):
+    daemon = daemonized()
     assert daemon.output() == ""  # the parent says nothing on success
     pid = daemon.wait_ready()
-    assert read_pid_file(sandbox.pid_dir) == pid
-    assert pid != daemon.pid
+    assert read_pid_file(sandbox.root) == pid != daemon.pid
     assert daemon.status()["PPid"] != str(os.getpid())
 
     for env in (None, {"G_MESSAGES_DEBUG": "all"}):
-        second = start_daemon(sandbox.args(), daemonize=True, env=env, pid_dir=sandbox.pid_dir)
-        assert second.wait_exit() == 1
+        second = daemonized(code=1, env=env)
         second.wait_for_log(rf"zelenrolld\[\d+\]: daemon already running with PID {pid}$")
-        assert read_pid_file(sandbox.pid_dir) == pid
+        assert read_pid_file(sandbox.root) == pid
 
-    assert daemon.kill() == (0, "")
+    assert daemonized("--kill").output() == ""
     assert not process_alive(pid)
-    assert not (sandbox.pid_dir / PID_FILE_NAME).exists()  # removed at exit
-    daemon = start_daemon(sandbox.args("--kill"), daemonize=True, pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 1
+    assert not (sandbox.root / PID_FILE_NAME).exists()  # removed at exit
+    daemon = daemonized("--kill", code=1)
     daemon.wait_for_log(message_re("failed to kill daemon: No such file or directory"))
 
-
-@pytest.mark.root
-def test_parent_reports_a_child_failing_after_the_fork(sandbox, start_daemon):
-    branding = sandbox.write_branding("bad.json", contents="{}")
-    daemon = start_daemon(sandbox.args(branding=branding), daemonize=True,
-                          pid_dir=sandbox.pid_dir)
-    assert daemon.wait_exit() == 1
+    daemon = daemonized(branding=sandbox.write_branding("bad.json", contents="{}"), code=1)
     daemon.wait_for_log(r"zelenrolld\[\d+\]: forked daemon failed \(1\)$")
-    assert not (sandbox.pid_dir / PID_FILE_NAME).exists()
+    assert not (sandbox.root / PID_FILE_NAME).exists()

@@ -31,26 +31,16 @@ def run(command, **kwargs):
                           capture_output=True, text=True, timeout=120, **kwargs)
 
 
-def install(prefix, destdir=None):
-    env = dict(os.environ)
-    env.pop("DESTDIR", None)
-    if destdir:
-        env["DESTDIR"] = str(destdir)
-    done = run(["cmake", "--install", BUILD_DIR, "--prefix", prefix], env=env)
+def install(destdir):  # the tree installed with prefix /usr into `destdir`
+    done = run(["cmake", "--install", BUILD_DIR, "--prefix", "/usr"],
+               env=dict(os.environ, DESTDIR=str(destdir)))
     assert done.returncode == 0, done.stdout + done.stderr
-
-
-@pytest.fixture(scope="module")
-def root(tmp_path_factory):
-    # The tree installed with prefix /usr into a DESTDIR.
-    destdir = tmp_path_factory.mktemp("destdir")
-    install("/usr", destdir)
     return destdir
 
 
 @pytest.fixture(scope="module")
-def usr(root):
-    return root / "usr"
+def root(tmp_path_factory):
+    return install(tmp_path_factory.mktemp("destdir"))
 
 
 def test_tree(root):
@@ -64,7 +54,7 @@ def test_tree(root):
 
 def test_units_verify_and_daemon_exposure(tmp_path):
     # In a root that also holds this machine's units, which the verification resolves.
-    install("/usr", tmp_path)
+    install(tmp_path)
     units = tmp_path / "lib/systemd/system"
     shutil.copytree("/lib/systemd/system", units, symlinks=True, dirs_exist_ok=True)
     done = run(["systemd-analyze", "verify", "--man=no", f"--root={tmp_path}", *UNITS])
@@ -76,9 +66,10 @@ def test_units_verify_and_daemon_exposure(tmp_path):
 
 
 @pytest.mark.root
-def test_users_and_directories(usr, tmp_path):
+def test_users_and_directories(root, tmp_path):
     (tmp_path / "etc").mkdir()
-    done = run(["systemd-sysusers", f"--root={tmp_path}", usr / "lib/sysusers.d/zelenroll.conf"])
+    done = run(["systemd-sysusers", f"--root={tmp_path}",
+                root / "usr/lib/sysusers.d/zelenroll.conf"])
     assert done.returncode == 0, done.stderr
     users, groups = ({line.split(":")[0]: line.split(":") for line in
                       (tmp_path / "etc" / name).read_text().splitlines()}
@@ -87,36 +78,41 @@ def test_users_and_directories(usr, tmp_path):
     assert "zelenroll" in groups["tss"][3].split(",")
 
     done = run(["systemd-tmpfiles", f"--root={tmp_path}", "--create",
-                usr / "lib/tmpfiles.d/zelenroll.conf"])
+                root / "usr/lib/tmpfiles.d/zelenroll.conf"])
     assert done.returncode == 0 and not done.stderr, done.stderr
     for directory in ("var/lib/zelenroll", "var/lib/zelenroll/services", "run/zelenroll"):
         assert (tmp_path / directory).stat().st_uid == uid, directory
 
 
-def test_bus_policy_is_the_tested_one(usr):
-    policy = usr / "share/dbus-1/system.d/com.corvanta.ZelPlayer.Enroller1.conf"
+def test_bus_policy_is_the_tested_one(root):
+    policy = root / "usr/share/dbus-1/system.d/com.corvanta.ZelPlayer.Enroller1.conf"
     assert policy.read_bytes() == DBUS_POLICY.read_bytes()  # loaded by every test's bus
 
 
 @pytest.mark.parametrize("page", MAN_PAGES)
-def test_man_page_renders_without_warnings(usr, page):
-    done = run(["groff", "-man", "-Tutf8", "-P-cbou", "-ww", usr / page])
+def test_man_page_renders_without_warnings(root, page):
+    done = run(["groff", "-man", "-Tutf8", "-P-cbou", "-ww", root / "usr" / page])
     assert done.returncode == 0 and not done.stderr and "EXIT STATUS" in done.stdout, done.stderr
 
 
 @pytest.mark.root
-def test_installed_daemon_switches_user_within_the_units_limits(usr, nobody_sandbox,
+def test_installed_daemon_switches_user_within_the_units_limits(root, nobody_sandbox,
                                                                  start_daemon):
     # The unit's capability bounding set and no-new-privileges are enough for the user
-    # switch: the installed daemon run under them ends as its user with CAP_SYS_RAWIO.
-    unit = (usr.parent / "lib/systemd/system/zelenrolld.service").read_text()
+    # switch: the installed daemon run under them ends as its user and group, with
+    # CAP_SYS_RAWIO only.
+    unit = (root / "lib/systemd/system/zelenrolld.service").read_text()
     caps = re.search(r"^CapabilityBoundingSet=(.*)$", unit, re.M).group(1).split()
     assert "NoNewPrivileges=yes" in unit.splitlines()
     bounding = ",".join(["-all"] + ["+" + c.lower().removeprefix("cap_") for c in caps])
-    daemon = start_daemon([f"--bounding-set={bounding}", "--no-new-privs", usr / "sbin/zelenrolld",
-                           *nobody_sandbox.args(user="nobody")], binary="setpriv")
+    daemon = start_daemon([f"--bounding-set={bounding}", "--no-new-privs",
+                           root / "usr/sbin/zelenrolld",
+                           *nobody_sandbox.args("--debug", user="nobody")], binary="setpriv")
     daemon.wait_ready()
+    daemon.wait_for_message("switched to user 'nobody' and its groups")
     status = daemon.status()
-    assert status["Uid"].split()[0] == str(pwd.getpwnam("nobody").pw_uid)
-    assert (status["CapPrm"], status["CapEff"]) == ("0000000000020000", "0000000000000000")
+    uid, gid = pwd.getpwnam("nobody")[2:4]
+    assert (status["Uid"].split(), status["Gid"].split()) == ([str(uid)] * 4, [str(gid)] * 4)
+    assert status["CapPrm"] == "0000000000020000"
+    assert status["CapEff"] == status["CapInh"] == status["CapAmb"] == "0000000000000000"
     assert daemon.stop() == 0
