@@ -25,6 +25,11 @@ def pytest_collection_modifyitems(items):
             item.add_marker(pytest.mark.skip(reason="native only: " + native.args[0]))
 
 
+def kept(thing, finish):  # a fixture's value `thing`, passed to `finish` after the test
+    yield thing
+    finish(thing)
+
+
 @pytest.fixture(scope="session", autouse=True)
 def daemon_binary():
     assert zeltest.DAEMON.is_file(), f"{zeltest.DAEMON} is not built (ZEL_BUILD_DIR?)"
@@ -38,23 +43,18 @@ def buses(monkeypatch):
     started = zeltest.Buses().start()
     for name, value in started.env.items():
         monkeypatch.setenv(name, value)
-    yield started
-    started.stop()
+    yield from kept(started, zeltest.Buses.stop)
 
 
 @pytest.fixture
 def sandbox():
-    box = zeltest.Sandbox()
-    yield box
-    box.cleanup()
+    yield from kept(zeltest.Sandbox(), zeltest.Sandbox.cleanup)
 
 
 @pytest.fixture
 def nobody_sandbox():
     # A Sandbox handed to the user nobody, for runs with --user nobody (tests marked root).
-    box = zeltest.Sandbox(owner="nobody")
-    yield box
-    box.cleanup()
+    yield from kept(zeltest.Sandbox(owner="nobody"), zeltest.Sandbox.cleanup)
 
 
 def factory(kind, finish):
@@ -86,17 +86,13 @@ def ca(tmp_path_factory):
 @pytest.fixture
 def server(ca):
     # A reference enrollment server on loopback (plain HTTP).
-    srv = EnrollServer(ca).start()
-    yield srv
-    srv.stop()
+    yield from kept(EnrollServer(ca).start(), EnrollServer.stop)
 
 
 @pytest.fixture
 def second_server(ca):
     # Another one, on its own port and base path.
-    srv = EnrollServer(ca, base_path="/v2/enroll").start()
-    yield srv
-    srv.stop()
+    yield from kept(EnrollServer(ca, base_path="/v2/enroll").start(), EnrollServer.stop)
 
 
 @pytest.fixture

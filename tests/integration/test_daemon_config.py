@@ -12,22 +12,12 @@ INVALID = "branding file is invalid"
 CORVANTA = Path("/etc/corvanta")
 
 
-def refused(start_daemon, args, message, **kwargs):
-    # Starts the daemon expecting it to stop with `message` (a text, or a compiled regex for
-    # part of the line) and exit code 1.
-    daemon = start_daemon(args, **kwargs)
-    assert daemon.wait_exit() == 1, daemon.output()
-    daemon.wait_for_log(message.pattern if isinstance(message, re.Pattern) else message_re(message))
-    return daemon
-
-
 def branded(box, *args, contents=None, base_url=True, **fields):
     # The sandbox's arguments with a branding of `contents` or `fields`.
     return box.args(*args, base_url=base_url,
                     branding=box.write_branding("b.json", contents, **fields))
 
 
-ROOT = pytest.mark.root
 REFUSED = [  # (arguments of the sandbox, message); the base URL is logged before the checks
     (lambda b: b.args(branding=b.root / "none.json"), INVALID),
     *[(lambda b, c=c: branded(b, contents=c), INVALID) for c in [
@@ -48,16 +38,18 @@ REFUSED = [  # (arguments of the sandbox, message); the base URL is logged befor
      re.compile(r"CRITICAL \*\*: [0-9:.]+: failed to create disabled services file: ")),
     pytest.param(lambda b: b.args(user="no-such-user-zel"), re.compile(
         r"CRITICAL \*\*: [0-9:.]+: failed switching to user 'no-such-user-zel': no such user$"),
-        marks=ROOT),
+        marks=pytest.mark.root),
     # The sandbox belongs to root: nobody cannot create the marker after the switch.
     pytest.param(lambda b: b.args("--disable", user="nobody"), re.compile(
-        r"failed to create disabled services file: .*Permission denied"), marks=ROOT),
+        r"failed to create disabled services file: .*Permission denied"), marks=pytest.mark.root),
 ]
 
 
 @pytest.mark.parametrize("make,message", REFUSED)
 def test_refused(sandbox, start_daemon, make, message):
-    daemon = refused(start_daemon, make(sandbox), message)
+    daemon = start_daemon(make(sandbox))
+    assert daemon.wait_exit() == 1, daemon.output()
+    daemon.wait_for_log(message.pattern if isinstance(message, re.Pattern) else message_re(message))
     # An empty option counts as given: the branding's model and brand are not used.
     assert ("using non-default enroll base URL" in daemon.output()) == (message != INVALID)
 
@@ -134,10 +126,11 @@ def test_identity_from_the_system(sandbox, start_daemon, corvanta, server, ident
               "/proc/cpuinfo": sandbox.write("cpuinfo", cpuinfo),
               "/etc/os-release": sandbox.write("os-release", os_release)}
     args = sandbox.args("--retry=0", serial=serial, fwver=None, base_url=server.url)
-    if device is None:
-        refused(start_daemon, args, "no device serial number available", mounts=mounts)
-        return
     daemon = start_daemon(args, mounts=mounts)
+    if device is None:
+        assert daemon.wait_exit() == 1, daemon.output()
+        daemon.wait_for_message("no device serial number available")
+        return
     server.wait_for_request("/initiate")
     body = server.requests[0].json
     assert body["device"] == dict(device, model="MP-100", brand="Acme")
