@@ -22,7 +22,6 @@ SOURCE_DIR = Path(os.environ.get("ZEL_SOURCE_DIR") or Path(__file__).resolve().p
 BUILD_DIR = Path(os.environ.get("ZEL_BUILD_DIR") or SOURCE_DIR / "build")
 sys.path.insert(0, str(SOURCE_DIR / "tools"))  # makes `import enrollserver` work
 
-import childproc  # noqa: E402
 from privatebus import Buses  # noqa: E402
 
 # The daemon and tools under test may come from another build (a cross build), run through
@@ -118,8 +117,7 @@ class LogLines:
             self._cond.notify_all()
 
     def lines(self):
-        with self._cond:
-            return list(self._lines)
+        return list(self._lines)  # copied at once, also while the reader appends
 
     def text(self):
         return "\n".join(self.lines())
@@ -166,10 +164,18 @@ class Process:
         self.log.reader.join(2)
         return code
 
-    def stop(self):
-        childproc.stop(self.proc)
-        self.wait_exit()
+    def stop(self, sig=signal.SIGTERM):
+        # Stops the process with `sig`, then SIGKILL if it did not exit in time; the exit
+        # code (negative for a signal).
+        if self.proc.poll() is None:
+            self.proc.send_signal(sig)
+            try:
+                self.proc.wait(5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+        code = self.wait_exit()
         self.proc.stdout.close()
+        return code
 
 
 class Daemon(Process):
@@ -232,17 +238,6 @@ class Daemon(Process):
                         + self.output())
         return result
 
-    def stop(self, sig=signal.SIGTERM):
-        # Stops the foreground daemon with `sig`, then SIGKILL if it did not exit in time;
-        # the exit code (negative for a signal).
-        if self.proc.poll() is None:
-            self.proc.send_signal(sig)
-            try:
-                self.proc.wait(5)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-        return self.wait_exit()
-
     def cleanup(self):
         # Leaves nothing running: the started process and, in daemon mode, the daemon.
         pid = self.daemonize and self.running_pid()
@@ -250,8 +245,7 @@ class Daemon(Process):
             os.kill(pid, signal.SIGKILL)
             wait_until(lambda: not process_alive(pid), 5)
         if self.proc:
-            self.proc.kill()
-            Process.stop(self)
+            self.stop(signal.SIGKILL)
 
 
 DEFAULT_BRANDING = {"brand": "Acme", "model": "MP-100", "enrollProtocols": ["noauth-csr"],
