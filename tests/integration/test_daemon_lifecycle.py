@@ -24,20 +24,15 @@ def test_signals_stop_the_loop_once(sandbox, start_daemon, signals):
 # Daemon mode. The PID directory is the sandbox (bound over /var/run/zelenroll in a mount
 # namespace), so that parallel runs do not meet.
 
-@pytest.fixture
-def daemonized(sandbox, start_daemon):
-    # daemonized(*args, code=0, env=None, **sandbox args): zelenrolld started in daemon mode,
-    # once its first process exited with `code`.
-    def start(*args, code=0, env=None, **kwargs):
+@pytest.mark.root
+def test_daemon_mode_start_second_start_kill_and_failing_child(sandbox, start_daemon):
+    def daemonized(*args, code=0, env=None, **kwargs):
+        # zelenrolld in daemon mode, once its first process exited with `code`
         daemon = start_daemon(sandbox.args(*args, **kwargs), daemonize=True, env=env,
                               pid_dir=sandbox.root)
         assert daemon.wait_exit() == code, daemon.output()
         return daemon
-    return start
 
-
-@pytest.mark.root
-def test_daemon_mode_start_second_start_kill_and_failing_child(sandbox, daemonized):
     daemon = daemonized()
     assert daemon.output() == ""  # the parent says nothing on success
     pid = daemon.wait_ready()
