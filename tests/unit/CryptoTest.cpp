@@ -13,10 +13,6 @@
 
 namespace {
 
-bool starts_with(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
-
 // The alternative serials stay out of the subject.
 const DeviceInfo kDevice{"SN 42-A",  "Model 7. Pro", "Acme, Inc.", "user-sn",
                          "board-sn", "system-sn",    "chassis-sn"};
@@ -25,7 +21,6 @@ class CryptoTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
         dir = std::make_unique<TempDir>();
-        ASSERT_FALSE(dir->path.empty());
         ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
                          "rsa_keygen_bits:2048", "-out", path("rsa.key")}));
         ASSERT_TRUE(run({"openssl", "genpkey", "-algorithm", "EC", "-pkeyopt",
@@ -82,7 +77,7 @@ TEST_F(CryptoTest, KeyPublicPemAndFailedLoads) {
     // a failed load discards the key held before
     ASSERT_TRUE(key.load_private_pem(path("ec.key").c_str()));
     EXPECT_FALSE(key.load_private_pem(path("garbage.key").c_str()));
-    EXPECT_TRUE(starts_with(key.error, "error:")) << key.error;
+    EXPECT_EQ(key.error.rfind("error:", 0), 0u) << key.error;
     EXPECT_FALSE(key.pkey);
     EXPECT_EQ(key.get_public_pem(), "");
     // nobody is there to give a pass phrase: fail rather than prompt

@@ -16,16 +16,14 @@ TEST(RetryPolicy, SpacingHoldsRequestsApart) {
 
 TEST(RetryPolicy, BackoffRangeDoublesEveryStepUntilTheDayCap) {
     // the highest draw each time: 60 + (60 * 2^n - 0.4) rounded, capped at 86400
+    const auto highest = [](double begin, double end) {
+        EXPECT_EQ(begin, 0.0);
+        return end - 0.4;
+    };
     double multiplier = 1.0;
     for (const unsigned upper : {120u, 180u, 300u, 540u, 1020u, 1980u, 3900u, 7740u, 15420u, 30780u,
-                                 61500u, 86400u, 86400u}) {
-        EXPECT_EQ(RetryPolicy::backoff_step(60, &multiplier,
-                                            [](double begin, double end) {
-                                                EXPECT_EQ(begin, 0.0);
-                                                return end - 0.4;
-                                            }),
-                  upper);
-    }
+                                 61500u, 86400u, 86400u})
+        EXPECT_EQ(RetryPolicy::backoff_step(60, &multiplier, highest), upper);
     EXPECT_EQ(multiplier, 8192.0);
     EXPECT_EQ(RetryPolicy::backoff_delay(60, 0.0), 60u);
     EXPECT_EQ(RetryPolicy::backoff_delay(60, HUGE_VAL), 86400u);

@@ -4,6 +4,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -75,6 +76,12 @@ class TempDir {
         return dir ? dir.get() : "/nonexistent";
     }
 };
+
+// `json` without white space, to compare JSON texts.
+inline std::string squeezed(std::string json) {
+    json.erase(std::remove_if(json.begin(), json.end(), ::isspace), json.end());
+    return json;
+}
 
 // Runs a command for at most 60 s; true when it exits with 0. `out` gets its standard output
 // followed by its standard error.
