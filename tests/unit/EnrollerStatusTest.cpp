@@ -41,11 +41,9 @@ TEST_F(StatusFile, LoadAndSaveKeepTheDocumentedFormat) {
     EXPECT_TRUE(status.load(true));
     EXPECT_EQ(status.rpmb.writeTStamps.count(0), 1u) << "an unparsable stamp reads as 0";
     // Rewritten for the differing flag, pretty-printed, without the unparsable stamp.
-    EXPECT_EQ(squeezed(contents()),
-              R"({"enrolled":true,"enabled":true,"forcedEnrollTStamp":"2020-09-13T12:26:40Z",)"
-              R"("lastEnrolledTStamp":"2023-11-14T22:13:20Z","lastEnrollBaseURL":"u","rpmb":)"
-              R"({"writeCounter":7,"writeTStamps":["2023-11-14T22:15:00Z",)"
-              R"("2023-11-14T22:13:20Z"]}})");
+    std::string rewritten = text;
+    rewritten.replace(rewritten.find("false"), 5, "true");
+    EXPECT_EQ(squeezed(contents()), rewritten.erase(rewritten.find(R"("soon",)"), 7));
     EXPECT_NE(contents().find("\n  \"enabled\""), std::string::npos) << "not pretty-printed";
     EXPECT_EQ(contents().back(), '\n');
 }
