@@ -13,7 +13,7 @@ import re
 import signal
 import subprocess
 import time
-from dataclasses import dataclass, field
+from collections import namedtuple
 
 import pytest
 import zeltest
@@ -36,22 +36,15 @@ def error_logged(status, phrase, *then):
     return [f"request returned error {status}: {phrase}", *then]
 
 
-@dataclass
-class Case:
-    # One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
-    # `messages` the daemon's lines in order (texts, or regexes; or just one), or a function
-    # of the sandbox giving them. `enrolls`: the attempt after the fault enrolls the device.
-    id: str
-    faults: list = field(default_factory=list)
-    messages: object = ()
-    args: tuple = ()
-    enrolls: bool = True
-    retried: bool = True  # the faults make the attempt fail
-    root: bool = False
-    tls: bool = False
-    status: bytes = None  # status file contents before the start
-    setup: object = None  # sandbox, server -> mounts (or None)
-    check: object = None  # run -> None, asserts the end state
+# One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
+# `messages` the daemon's lines in order (texts, or regexes; or just one), or a function
+# of the sandbox giving them; `args` the daemon's extra options. `enrolls`: the attempt
+# after the fault enrolls the device; `retried`: the faults make the attempt fail. `root`:
+# runs only as root; `tls`: the server speaks https. `status`: the status file's contents
+# before the start; `setup(sandbox, server)` gives the daemon's mounts (or None);
+# `check(run)` asserts the end state.
+Case = namedtuple("Case", "id faults messages args enrolls retried root tls status setup check",
+                  defaults=((), (), (), True, True, False, False, None, None, None))
 
 
 def redirect(code, endpoint, **kwargs):
@@ -78,9 +71,8 @@ def followed(code):
         assert [x.path for x in r] == [f"/{at}/{e}" for e in ("initiate", "CSRVerify")
                                        for at in ("enroll", "moved")] + ["/enroll/acknowledge"]
         assert r[0].body == r[1].body and r[2].body == r[3].body
-    return Case(f"{code}-followed", [redirect(code, f"/{e}", to_path=f"/moved/{e}")
-                                     for e in ("initiate", "CSRVerify")], [DONE], retried=False,
-                check=check)
+    faults = [redirect(code, f"/{e}", to_path=f"/moved/{e}") for e in ("initiate", "CSRVerify")]
+    return Case(f"{code}-followed", faults, [DONE], retried=False, check=check)
 
 
 def one_connection_closed(run):

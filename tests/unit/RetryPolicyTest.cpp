@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <ctime>
+#include <tuple>
 
 #include "EnrollerStatus.h"
 #include "RetryPolicy.h"
@@ -37,9 +38,7 @@ TEST(RetryPolicy, RpmbRateTableReportsTheFirstRowReached) {
         ASSERT_EQ(RetryPolicy::rpmb_rate_limited(history, &hit), n >= 10) << n;
     }
     // Both the one-day row (10) and the ten-day row (20) are reached; the ten-day one is first.
-    EXPECT_EQ(hit.count, 20u);
-    EXPECT_EQ(hit.limit, 20u);
-    EXPECT_EQ(hit.window, 864000);
+    EXPECT_EQ(std::tie(hit.count, hit.limit, hit.window), std::make_tuple(20u, 20u, 864000L));
     EXPECT_NEAR(hit.wait, 864000 - 2000, 2);
 
     // right before a write, also one per second: writes of one second share a time stamp
