@@ -22,14 +22,12 @@ namespace fuzz {
 // with arguments it must never get: that is a finding, so it aborts with the message.
 inline GLogWriterOutput log_writer(GLogLevelFlags level, const GLogField* fields, size_t count,
                                    void*) {
-    const char* domain = nullptr;
-    const char* message = nullptr;
-    for (size_t i = 0; i < count; ++i) {
+    const char *domain = nullptr, *message = nullptr;
+    for (size_t i = 0; i < count; ++i)
         if (strcmp(fields[i].key, "GLIB_DOMAIN") == 0)
             domain = static_cast<const char*>(fields[i].value);
         else if (strcmp(fields[i].key, "MESSAGE") == 0)
             message = static_cast<const char*>(fields[i].value);
-    }
     const int severity = level & G_LOG_LEVEL_MASK;
     const bool library =
         domain && *domain && (severity & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));

@@ -8,8 +8,6 @@
 #include "Key.h"
 #include "TestSupport.h"
 
-namespace {
-
 // The alternative serials stay out of the subject.
 const DeviceInfo kDevice{"SN 42-A",  "Model 7. Pro", "Acme, Inc.", "user-sn",
                          "board-sn", "system-sn",    "chassis-sn"};
@@ -58,5 +56,3 @@ TEST(Crypto, KeysAndRequestsAgreeWithTheTool) {
     // nobody is there to give a pass phrase: fail rather than prompt
     EXPECT_FALSE(key.load_private_pem(encrypted.c_str()));
 }
-
-}  // namespace

@@ -20,65 +20,10 @@ class StatusFile : public ::testing::Test {
         std::ifstream in(path);
         return {std::istreambuf_iterator<char>(in), {}};
     }
-    void write(const std::string& text) const { std::ofstream(path) << text; }
 
     TempDir tmp;
     const std::string path = tmp.file("status");
 };
-
-}  // namespace
-
-TEST_F(StatusFile, LoadAndSaveKeepTheDocumentedFormat) {
-    const std::string text =
-        R"({"enrolled":true,"enabled":false,"forcedEnrollTStamp":"2020-09-13T12:26:40Z",)"
-        R"("lastEnrolledTStamp":"2023-11-14T22:13:20Z","lastEnrollBaseURL":"u","rpmb":)"
-        R"({"writeCounter":7,"writeTStamps":["2023-11-14T22:15:00Z","soon",)"
-        R"("2023-11-14T22:13:20Z"]}})";
-    write(text);
-    EnrollerStatus status(path);
-    EXPECT_TRUE(status.load(false));
-    EXPECT_EQ(contents(), text) << "an equal flag must not rewrite the file";
-    EXPECT_TRUE(status.load(true));
-    EXPECT_EQ(status.rpmb.writeTStamps.count(0), 1u) << "an unparsable stamp reads as 0";
-    // Rewritten for the differing flag, pretty-printed, without the unparsable stamp.
-    std::string rewritten = text;
-    rewritten.replace(rewritten.find("false"), 5, "true");
-    EXPECT_EQ(squeezed(contents()), rewritten.erase(rewritten.find(R"("soon",)"), 7));
-    EXPECT_NE(contents().find("\n  \"enabled\""), std::string::npos) << "not pretty-printed";
-    EXPECT_EQ(contents().back(), '\n');
-}
-
-// A hostile status or branding file must fail like any malformed one, and must not leak
-// json-glib's scanner buffer on the way.
-TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
-    LogCapture log;
-    const std::string detail = " file " + path + ": " + path + kBadSurrogate;
-    for (const char* doc : kBadSurrogateDocuments) {
-        write(doc);
-        log.entries.clear();
-        EXPECT_FALSE(EnrollerStatus(path).load(true));
-        EXPECT_EQ(BrandingInfo().load(path.c_str()), 0);
-        for (const std::string kind : {"enroller status", "branding"})
-            EXPECT_TRUE(
-                log.logged(G_LOG_LEVEL_WARNING, "failed to parse JSON from " + kind + detail))
-                << log.dump();
-    }
-}
-
-TEST(RPMBWriteHistory, KeepsTheLast250AndCountsWithinTheWindow) {
-    EnrollerRPMBStatus rpmb;
-    const int64_t now = time(nullptr);
-    for (int64_t i = 0; i < 250; ++i)
-        rpmb.writeTStamps.insert(now - 1000 - i);
-    rpmb.recordWrite();  // one stamp too many: the oldest goes
-    EXPECT_EQ(rpmb.writeTStamps.size(), 250u);
-    EXPECT_EQ(*rpmb.writeTStamps.rbegin(), now - 1248);
-    rpmb.writeTStamps = {now - 10, now - 60};  // one exactly 60 s old is out
-    long wait = -1;
-    EXPECT_EQ(rpmb.countWritesInLastSecs(60, &wait), 1u);
-}
-
-namespace {
 
 // Sets the members to those of `version` and saves them.
 void save_version(EnrollerStatus& status, uint32_t version) {
@@ -99,6 +44,55 @@ int64_t read_version(const std::string& path) {
 }
 
 }  // namespace
+
+TEST_F(StatusFile, LoadAndSaveKeepTheDocumentedFormat) {
+    const std::string text =
+        R"({"enrolled":true,"enabled":false,"forcedEnrollTStamp":"2020-09-13T12:26:40Z",)"
+        R"("lastEnrolledTStamp":"2023-11-14T22:13:20Z","lastEnrollBaseURL":"u","rpmb":)"
+        R"({"writeCounter":7,"writeTStamps":["2023-11-14T22:15:00Z","soon",)"
+        R"("2023-11-14T22:13:20Z"]}})";
+    tmp.write("status", text);
+    EnrollerStatus status(path);
+    EXPECT_TRUE(status.load(false));
+    EXPECT_EQ(contents(), text) << "an equal flag must not rewrite the file";
+    EXPECT_TRUE(status.load(true));
+    EXPECT_EQ(status.rpmb.writeTStamps.count(0), 1u) << "an unparsable stamp reads as 0";
+    // Rewritten for the differing flag, pretty-printed, without the unparsable stamp.
+    std::string rewritten = text;
+    rewritten.replace(rewritten.find("false"), 5, "true");
+    EXPECT_EQ(squeezed(contents()), rewritten.erase(rewritten.find(R"("soon",)"), 7));
+    EXPECT_NE(contents().find("\n  \"enabled\""), std::string::npos) << "not pretty-printed";
+    EXPECT_EQ(contents().back(), '\n');
+}
+
+// A hostile status or branding file must fail like any malformed one, and must not leak
+// json-glib's scanner buffer on the way.
+TEST_F(StatusFile, BadUnicodeEscapesAreParseFailures) {
+    LogCapture log;
+    const std::string detail = " file " + path + ": " + path + kBadSurrogate;
+    for (const char* doc : kBadSurrogateDocuments) {
+        tmp.write("status", doc);
+        log.entries.clear();
+        EXPECT_FALSE(EnrollerStatus(path).load(true));
+        EXPECT_EQ(BrandingInfo().load(path.c_str()), 0);
+        for (const std::string kind : {"enroller status", "branding"})
+            EXPECT_TRUE(
+                log.logged(G_LOG_LEVEL_WARNING, "failed to parse JSON from " + kind + detail))
+                << log.dump();
+    }
+}
+
+TEST(RPMBWriteHistory, KeepsTheLast250AndCountsWithinTheWindow) {
+    EnrollerRPMBStatus rpmb;
+    const int64_t now = time(nullptr);
+    for (int64_t i = 0; i < 250; ++i)
+        rpmb.writeTStamps.insert(now - 1000 - i);
+    rpmb.recordWrite();  // one stamp too many: the oldest goes
+    EXPECT_EQ(rpmb.writeTStamps.size(), 250u);
+    EXPECT_EQ(*rpmb.writeTStamps.rbegin(), now - 1248);
+    rpmb.writeTStamps = {now - 10, now - 60};  // one exactly 60 s old is out
+    EXPECT_EQ(rpmb.countWritesInLastSecs(60, nullptr), 1u);
+}
 
 TEST_F(StatusFile, KilledWhileSavingLeavesACompleteVersion) {
     constexpr uint32_t kVersionsPerChild = 1000000;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "JsonExact.h"
 
@@ -21,9 +22,7 @@ std::string compare(const std::string& a, const std::string& b) {
 
 // The same values in other spellings are equal; what json-glib loses differs.
 TEST(JsonExact, SameValuesOnly) {
-    const struct {
-        const char *a, *b, *why;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
         {R"([1.5, 1e2, "\u00e9\/\uD834\uDD1E", {"a": 1, "b": 2, "a": [3]}])",
          "\xef\xbb\xbf[1.50,100.0,\"\xc3\xa9/\xf0\x9d\x84\x9e\",{\"b\":2,\"a\":[3]}]", ""},
         {"0.1", "0.10000000000000001", ""},
@@ -40,6 +39,6 @@ TEST(JsonExact, SameValuesOnly) {
         {"1", "{\"a\": 1,}", "member name expected at offset 8"},
         {"1", "['x']", "invalid number at offset 1"},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(compare(row.a, row.b), row.why) << row.b;
+    for (const auto& [a, b, why] : rows)
+        EXPECT_EQ(compare(a, b), why) << b;
 }

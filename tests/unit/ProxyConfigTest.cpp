@@ -20,7 +20,8 @@ std::string lookup(GProxyResolver* resolver, const char* uri) {
 
 }  // namespace
 
-TEST(ProxyConfigFile, LoadsTheLastProxyElementWithAPortFromOneTo65534) {
+// The last proxy element with a port from 1 to 65534 is loaded.
+TEST(ProxyConfig, LoadedEscapedAndResolved) {
     const TempDir tmp;
     const LogCapture log;
     const auto load = [&](const std::string& proxies) {  // a file with these proxy elements
@@ -37,11 +38,9 @@ TEST(ProxyConfigFile, LoadsTheLastProxyElementWithAPortFromOneTo65534) {
         EXPECT_FALSE(config.enabled) << port;
         EXPECT_EQ(config.uri(), "direct://") << port;
     }
-}
 
-// Hosts and user info are escaped in the URI; local destinations go direct; a server that is
-// no host gives no resolver.
-TEST(ProxyConfigUri, EscapedAndResolved) {
+    // Hosts and user info are escaped in the URI; local destinations go direct; a server that
+    // is no host gives no resolver.
     EXPECT_EQ(proxy("[fe80::1]").uri(), "http://[fe80::1]:8080");
     EXPECT_EQ(proxy("fe80::1").uri(), "http://[fe80::1]:8080");
     EXPECT_EQ(proxy("h", "a@b", "p:w").uri(), "http://a%40b:p%3Aw@h:8080");
@@ -53,8 +52,6 @@ TEST(ProxyConfigUri, EscapedAndResolved) {
     for (const char* local : {"http://localhost:8080/", "http://127.0.0.1/", "http://[::1]:80/",
                               "http://[fe80::1234]:80/"})
         EXPECT_EQ(lookup(resolver.get(), local), "direct://") << local;
-
-    const LogCapture log;
     EXPECT_FALSE(proxy("[fe80>:1]").glib_proxy_resolver());
     EXPECT_TRUE(log.logged(G_LOG_LEVEL_WARNING,
                            "proxy server '[fe80>:1]' is not a valid host name or address, not "
