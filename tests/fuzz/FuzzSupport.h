@@ -20,51 +20,35 @@ namespace fuzz {
 // Our own messages are expected on hostile input and only slow the run down. A library
 // warning or critical, or a failed precondition anywhere, means the input reached code
 // with arguments it must never get: that is a finding, so it aborts with the message.
-inline void report(const char* domain, GLogLevelFlags level, const char* message) {
+inline GLogWriterOutput log_writer(GLogLevelFlags level, const GLogField* fields, size_t count,
+                                   void*) {
+    const char *domain = nullptr, *message = nullptr;
+    for (size_t i = 0; i < count; ++i)
+        if (strcmp(fields[i].key, "GLIB_DOMAIN") == 0)
+            domain = static_cast<const char*>(fields[i].value);
+        else if (strcmp(fields[i].key, "MESSAGE") == 0)
+            message = static_cast<const char*>(fields[i].value);
     const int severity = level & G_LOG_LEVEL_MASK;
     const bool library =
         domain && *domain && (severity & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
     const bool failed_check =
         severity == G_LOG_LEVEL_CRITICAL && message && strstr(message, "assertion '");
     if (!(severity & G_LOG_LEVEL_ERROR) && !library && !failed_check)
-        return;
+        return G_LOG_WRITER_HANDLED;
     fprintf(stderr, "unexpected log message: %s: %s\n", domain ? domain : "(none)",
             message ? message : "(null)");
     abort();
 }
 
-inline void log_handler(const char* domain, GLogLevelFlags level, const char* message, void*) {
-    report(domain, level, message);
-}
-
-inline GLogWriterOutput log_writer(GLogLevelFlags level, const GLogField* fields, size_t count,
-                                   void*) {
-    const char* domain = nullptr;
-    const char* message = nullptr;
-    for (size_t i = 0; i < count; ++i) {
-        if (strcmp(fields[i].key, "GLIB_DOMAIN") == 0)
-            domain = static_cast<const char*>(fields[i].value);
-        else if (strcmp(fields[i].key, "MESSAGE") == 0)
-            message = static_cast<const char*>(fields[i].value);
-    }
-    report(domain, level, message);
-    return G_LOG_WRITER_HANDLED;
-}
-
 // A path in the run's scratch directory, which is removed at exit.
 inline std::string scratch_file(const std::string& name) {
     static const struct Dir {
-        Dir() : path(make()) {}
-        static std::string make() {
-            const GCharPtr dir(g_dir_make_tmp("zelfuzz-XXXXXX", nullptr));
-            if (!dir)
-                abort();
-            return dir.get();
-        }
-        ~Dir() { std::filesystem::remove_all(path); }
-        const std::string path;
+        const GCharPtr path{g_dir_make_tmp("zelfuzz-XXXXXX", nullptr)};
+        ~Dir() { std::filesystem::remove_all(path.get()); }
     } dir;
-    return dir.path + "/" + name;
+    if (!dir.path)
+        abort();
+    return std::string(dir.path.get()) + "/" + name;
 }
 
 inline std::string write_file(const std::string& name, const uint8_t* data, size_t size) {
@@ -80,7 +64,7 @@ inline void ignore_xml_error(void*, const char*, ...) {}
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    g_log_set_default_handler(fuzz::log_handler, nullptr);
+    // g_log's default handler passes its messages on to the writer
     g_log_set_writer_func(fuzz::log_writer, nullptr, nullptr);
     xmlSetGenericErrorFunc(nullptr, fuzz::ignore_xml_error);
     return 0;

@@ -4,7 +4,6 @@
 #include "FuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    EnrollerStatus status(fuzz::write_file("status", data, size));
-    status.load(size % 2);
+    EnrollerStatus(fuzz::write_file("status", data, size)).load(size % 2);
     return 0;
 }

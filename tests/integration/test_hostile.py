@@ -13,8 +13,7 @@ import re
 import signal
 import subprocess
 import time
-from dataclasses import dataclass, field
-from typing import Callable, Optional
+from collections import namedtuple
 
 import pytest
 import zeltest
@@ -37,22 +36,15 @@ def error_logged(status, phrase, *then):
     return [f"request returned error {status}: {phrase}", *then]
 
 
-@dataclass
-class Case:
-    # One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
-    # `messages` the daemon's lines in order (texts, or regexes; or just one), or a function
-    # of the sandbox giving them. `enrolls`: the attempt after the fault enrolls the device.
-    id: str
-    faults: list = field(default_factory=list)
-    messages: object = ()
-    args: tuple = ()
-    enrolls: bool = True
-    retried: bool = True  # the faults make the attempt fail
-    root: bool = False
-    tls: bool = False
-    status: Optional[bytes] = None  # status file contents before the start
-    setup: Optional[Callable] = None  # sandbox, server -> mounts (or None)
-    check: Optional[Callable] = None  # run -> None, asserts the end state
+# One hostile situation: `faults` are (endpoint, fault) pairs injected before the start,
+# `messages` the daemon's lines in order (texts, or regexes; or just one), or a function
+# of the sandbox giving them; `args` the daemon's extra options. `enrolls`: the attempt
+# after the fault enrolls the device; `retried`: the faults make the attempt fail. `root`:
+# runs only as root; `tls`: the server speaks https. `status`: the status file's contents
+# before the start; `setup(sandbox, server)` gives the daemon's mounts (or None);
+# `check(run)` asserts the end state.
+Case = namedtuple("Case", "id faults messages args enrolls retried root tls status setup check",
+                  defaults=((), (), (), True, True, False, False, None, None, lambda run: None))
 
 
 def redirect(code, endpoint, **kwargs):
@@ -75,14 +67,12 @@ def unexpected(answer):  # an /initiate answer of the right shape with `answer` 
 def followed(code):
     # Both POSTs were redirected and re-sent with their bodies.
     def check(run):
-        requests = run.server.requests
-        assert [r.path for r in requests] == ["/enroll/initiate", "/moved/initiate",
-                                              "/enroll/CSRVerify", "/moved/CSRVerify",
-                                              "/enroll/acknowledge"]
-        assert requests[0].body == requests[1].body and requests[2].body == requests[3].body
-    return Case(f"{code}-followed", [redirect(code, "/initiate", to_path="/moved/initiate"),
-                                     redirect(code, "/CSRVerify", to_path="/moved/CSRVerify")],
-                [DONE], retried=False, check=check)
+        r = run.server.requests
+        assert [x.path for x in r] == [f"/{at}/{e}" for e in ("initiate", "CSRVerify")
+                                       for at in ("enroll", "moved")] + ["/enroll/acknowledge"]
+        assert r[0].body == r[1].body and r[2].body == r[3].body
+    faults = [redirect(code, f"/{e}", to_path=f"/moved/{e}") for e in ("initiate", "CSRVerify")]
+    return Case(f"{code}-followed", faults, [DONE], retried=False, check=check)
 
 
 def one_connection_closed(run):
@@ -92,19 +82,15 @@ def one_connection_closed(run):
     assert f"pid={run.daemon.pid}," not in sockets
 
 
-def status_kept(name, contents, detail):
+def status_kept(name, contents, message):
     # A broken status file, kept as status.bad beside the new one, which ends enrolled.
-    def messages(box):
-        path = box.status_file
-        return [f"enroller status file {path} is empty" if detail is None else
-                f"failed to parse JSON from enroller status file {path}: "
-                + detail.replace("<data>", str(path)),
-                f"keeping unreadable enroller status file {path} as {path}.bad"]
-
+    # `message` names the status file as {p}.
     def check(run):
         assert (run.box.root / "status.bad").read_bytes() == contents
         assert json.loads(run.box.status_file.read_text())["enrolled"] is True
-    return Case(name, status=contents, messages=messages, check=check)
+    kept = "keeping unreadable enroller status file {p} as {p}.bad"
+    return Case(name, status=contents, check=check,
+                messages=lambda box: [m.format(p=box.status_file) for m in (message, kept)])
 
 
 def acknowledged_once(run):
@@ -121,8 +107,7 @@ CASES = [
          ["unexpected HTTP status on response (302): Found"], check=acknowledged_once),
     Case("303-CSRVerify", [redirect(303, "/CSRVerify", to_path="/moved/CSRVerify")],
          "unexpected HTTP status on response (303): See Other"),
-    Case("307-to-ftp", [redirect(307, "/initiate", location="ftp://127.0.0.1/enroll/initiate")],
-         MALFORMED_307),
+    Case("307-to-ftp", [redirect(307, "/initiate", location="ftp://127.0.0.1/")], MALFORMED_307),
     Case("307-without-location", [redirect(307, "/initiate")], MALFORMED_307),
     Case("307-loop", [redirect(307, "/initiate", to_path="/loop/initiate")] * 21,
          "failed to connect (10): Too many redirects"),
@@ -138,20 +123,17 @@ CASES = [
          and paths(run.server) == ["initiate", "initiate", "CSRVerify", "acknowledge"]),
     Case("endless-chunks", [("/initiate", Fault.endless_chunks())], [TOO_BIG, CANCELLED]),
     Case("gzip-bomb", [("/CSRVerify", Fault.gzip(32 << 20))], [TOO_BIG, CANCELLED]),
-    Case("gzip", [("/initiate", Fault.gzip())], [DONE], retried=False,
-         check=one_connection_closed),
-    Case("silent", [("/CSRVerify", Fault.delay(6))], ["failed to connect (7): Connection "
-                                                      "terminated unexpectedly"],
-         args=("--timeout=1",)),
+    Case("gzip", [("/initiate", Fault.gzip())], [DONE], retried=False, check=one_connection_closed),
+    Case("silent", [("/CSRVerify", Fault.delay(6))],
+         "failed to connect (7): Connection terminated unexpectedly", args=("--timeout=1",)),
     # never silent for the timeout, never done: the request's deadline ends it
     Case("endless-102", [("/initiate", Fault.interim_responses(20))], [DEADLINE, CANCELLED],
          args=("--timeout=1",)),
     Case("drip", [("/CSRVerify", Fault.drip(20))], [DEADLINE, CANCELLED], args=("--timeout=1",)),
     # a POST is never re-sent on its own when its kept-alive connection turns out closed
     Case("drop-kept-alive", [("/CSRVerify", Fault.drop())],
-         ["failed to connect (8): Message Corrupt"],
-         check=lambda run: paths(run.server) ==
-         ["initiate", "CSRVerify", "initiate", "CSRVerify", "acknowledge"]),
+         "failed to connect (8): Message Corrupt",
+         check=lambda run: paths(run.server) == ["initiate", "CSRVerify"] * 2 + ["acknowledge"]),
     Case("status-600", [("/initiate", Fault.json({"statusCode": 600}, 600))],
          error_logged(600, "", PRECONDITION)),
     # bodies the parser or the reader refuses, or answers that stop the attempt
@@ -166,7 +148,7 @@ CASES = [
          READER + "missing member 'cbData'"),
     Case("text-plain", [("/initiate", Fault.content_type("text/plain"))],
          "response is not JSON but text/plain, ignoring"),
-    Case("upper-case-json", [("/initiate", Fault.content_type("APPLICATION/JSON"))], [DONE],
+    Case("upper-case-json", [("/initiate", Fault.content_type("APPLICATION/JSON"))], DONE,
          retried=False),
     Case("unoffered-protocol", [unexpected({"enrollmentProtocol": "emmc-rpmb-csr"})],
          "enrollment server returned unexpected protocol 'emmc-rpmb-csr'"),
@@ -193,42 +175,32 @@ CASES = [
          error_logged(502, "Bad Gateway", "parsing failed: <data>:1:9: Parse error: "
                                           "unexpected end of file, expected character `}'")),
     # broken status files are kept beside the new one; one that cannot be saved is no failure
-    status_kept("status-garbage", b'{"enrolled": tru',
-                "<data>:1:16: Parse error: unexpected identifier `tru', expected value"),
-    status_kept("status-empty", b"", None),
+    status_kept("status-garbage", b'{"enrolled": tru', "failed to parse JSON from enroller status "
+                "file {p}: {p}:1:16: Parse error: unexpected identifier `tru', expected value"),
+    status_kept("status-empty", b"", "enroller status file {p} is empty"),
     Case("status-partial", status=b'{"enrolled": false, "rpmb": {"writeTStamps": []}}',
-         messages=["ignoring invalid data in enroller status file: missing member "
-                   "'writeCounter'"],
+         messages="ignoring invalid data in enroller status file: missing member 'writeCounter'",
          check=lambda run: (run.box.root / "status.bad").read_text() == "an older one"),
-    Case("status-unsaved", setup=lambda box, srv: setattr(
-        box, "status_file", box.root / "missing" / "status"),
+    Case("status-unsaved", setup=lambda box, _: setattr(box, "status_file", box.root / "no" / "st"),
          messages=lambda box: [f"could not open temporary file to save enroller status at "
                                f"{box.status_file}", DONE]),
 ]
 
 
-class Run:
-    # One case under way: its server, sandbox and daemon.
+Run = namedtuple("Run", "server box daemon")  # one case under way
 
-    def __init__(self, case, ca, env):
-        self.case = case
-        self.server = EnrollServer(ca, tls=case.tls).start()
-        for endpoint, fault in case.faults:
-            self.server.inject(endpoint, fault)
-        self.box = zeltest.Sandbox()
-        mounts = case.setup(self.box, self.server) if case.setup else None
-        if case.status is not None:
-            self.box.status_file.write_bytes(case.status)
-            (self.box.root / "status.bad").write_text("an older one")
-        self.daemon = zeltest.Daemon(self.box.args("--retry=1", *case.args,
-                                                   base_url=self.server.url), mounts=mounts,
-                                     env=env)
-        self.daemon.start()
 
-    def cleanup(self):
-        self.daemon.cleanup()
-        self.server.stop()
-        self.box.cleanup()
+def start(case, ca, env):
+    server = EnrollServer(ca, tls=case.tls).start()
+    for endpoint, fault in case.faults:
+        server.inject(endpoint, fault)
+    box = zeltest.Sandbox()
+    mounts = case.setup(box, server) if case.setup else None
+    if case.status is not None:
+        box.status_file.write_bytes(case.status)
+        (box.root / "status.bad").write_text("an older one")
+    args = box.args("--retry=1", *case.args, base_url=server.url)
+    return Run(server, box, zeltest.Daemon(args, mounts=mounts, env=env).start())
 
 
 # Also run against the arm64 build: the size cap and the redirect rules.
@@ -243,18 +215,19 @@ def runs(ca, request):
     selected = {item.callspec.id for item in request.session.items
                 if getattr(item, "originalname", None) == "test_hostile"}
     buses = zeltest.Buses().start()
-    started = {case.id: Run(case, ca, buses.env) for case in CASES
+    started = {case.id: start(case, ca, buses.env) for case in CASES
                if case.id in selected and (not case.root or zeltest.is_root())}
     yield started
     for run in started.values():
-        run.cleanup()
+        run.daemon.cleanup()
+        run.server.stop()
+        run.box.cleanup()
     buses.stop()
 
 
-@pytest.mark.parametrize("case", [
-    pytest.param(c, id=c.id, marks=[pytest.mark.root] * c.root
-                 + [pytest.mark.arm64] * (c.id in ARM64))
-    for c in CASES])
+@pytest.mark.parametrize("case", [pytest.param(c, id=c.id, marks=[pytest.mark.root] * c.root
+                                               + [pytest.mark.arm64] * (c.id in ARM64))
+                                  for c in CASES])
 def test_hostile(runs, case):
     run = runs[case.id]
     expected = case.messages(run.box) if callable(case.messages) else case.messages
@@ -270,8 +243,7 @@ def test_hostile(runs, case):
         if not (case.faults and case.retried):  # at the first attempt
             assert [r.path for r in run.server.requests].count("/enroll/initiate") == 1
     assert run.daemon.proc.poll() is None, run.daemon.output()
-    if case.check:
-        assert case.check(run) is not False
+    assert case.check(run) is not False
 
 
 # --- killed at any moment, a restart still ends enrolled with consistent files
@@ -282,18 +254,17 @@ def test_killed_at_random_moments(sandbox, start_daemon, server):
     for attempt in range(7):  # the last one is not killed and ends enrolled
         server.inject("/CSRVerify", Fault.delay(0.2))
         daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
-        if attempt == 6:
-            break
-        time.sleep(rng.uniform(0.8, 1.6))
-        daemon.stop(signal.SIGKILL)
-        status = sandbox.status_file.read_text()
-        assert json.loads(status)["enabled"] is True, status
-        if service.exists():
-            json.loads(service.read_text())
+        if attempt < 6:
+            time.sleep(rng.uniform(0.8, 1.6))
+            daemon.stop(signal.SIGKILL)
+            assert json.loads(sandbox.status_file.read_text())["enabled"] is True
+            if service.exists():
+                json.loads(service.read_text())
     daemon.wait_for_log(zeltest.message_re(DONE) + "|current enrolled status: true$", 20)
     assert json.loads(sandbox.status_file.read_text())["enrolled"] is True
-    certificate = json.loads(service.read_text())["certificate"]
-    public = subprocess.run(["openssl", "x509", "-pubkey", "-noout"], input=certificate.encode(),
-                            capture_output=True, check=True).stdout
-    assert public == subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
-                                    capture_output=True, check=True).stdout
+
+    def openssl(*args, **kwargs):
+        return subprocess.run(["openssl", *args], capture_output=True, check=True, **kwargs).stdout
+    certificate = json.loads(service.read_text())["certificate"].encode()
+    assert openssl("x509", "-pubkey", "-noout", input=certificate) == openssl(
+        "pkey", "-pubout", "-in", sandbox.key)

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "EnrollerMessages.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -12,20 +12,6 @@ using Bytes = std::vector<unsigned char>;
 std::string base64(const Bytes& bytes) {
     const GCharPtr text(g_base64_encode(bytes.data(), bytes.size()));
     return text.get();
-}
-
-// Reads `text` into `target` and returns the reader's error, empty when there is none.
-template <typename T>
-std::string read(const std::string& text, T& target) {
-    JsonObjectInput in(text.c_str(), static_cast<long>(text.size()));
-    in >> target;
-    return in.failed() ? in.getError() : "";
-}
-
-std::string written(JsonObjectOutput& out) {  // without white space, to compare JSON texts
-    std::string text = out.finish();
-    text.erase(std::remove_if(text.begin(), text.end(), ::isspace), text.end());
-    return text;
 }
 
 const std::string kHead = R"({"status": "s", "cbData": "c", )";
@@ -54,8 +40,10 @@ TEST(EnrollResponseRead, MemberErrorsAreReported) {
         {kHead + R"("enrolledServices": {"aws-iot": {}}})", "missing member 'certificate'"},
     };
     for (const auto& [json, error] : cases) {
+        JsonObjectInput in(json.c_str(), static_cast<long>(json.size()));
         EnrollResponse response;
-        EXPECT_EQ(read(json, response), error) << json;
+        in >> response;
+        EXPECT_EQ(std::string(in.failed() ? in.getError() : ""), error) << json;
     }
 }
 
@@ -68,9 +56,10 @@ TEST(RequestWire, DataAuthenticateBodyTakesACounterBeyondInt32) {
     JsonObjectOutput out;
     out.addProperty("cbData", "cb-7");
     out << result << auth;
-    EXPECT_EQ(written(out), R"({"cbData":"cb-7","rpmbReadResult":{"data":"YWJj","hmac":")" +
-                                base64(Bytes(32, 1)) +
-                                R"("},"rpmbSignAuthRequest":{"sdata":"PEM","dataType":"CSR",)"
-                                R"("writeCounter":4000000000,"writeCounterHmac":")" +
-                                base64(Bytes(32, 2)) + R"(","startBlock":1}})");
+    EXPECT_EQ(squeezed(out.finish()),
+              R"({"cbData":"cb-7","rpmbReadResult":{"data":"YWJj","hmac":")" +
+                  base64(Bytes(32, 1)) +
+                  R"("},"rpmbSignAuthRequest":{"sdata":"PEM","dataType":"CSR",)"
+                  R"("writeCounter":4000000000,"writeCounterHmac":")" +
+                  base64(Bytes(32, 2)) + R"(","startBlock":1}})");
 }

@@ -41,7 +41,7 @@ TEST(JsonObjectInputNodes, KeptNodeOutlivesItsReader) {
     EXPECT_EQ(out, "PEM");
 }
 
-TEST(JsonObjectInputHostile, OnlyOneTopLevelValue) {
+TEST(JsonObjectInputHostile, OneTopLevelValueAndGoodEscapesOnly) {
     // json-glib's comments run from a slash to the next one: "/*/" is a whole comment
     for (const char* doc :
          {"{}{}", "{\"a\": 1} {\"b\": []}", "[1][2]", "1{}", "/*/{}{}", "/**?/[]{}"})
@@ -50,13 +50,9 @@ TEST(JsonObjectInputHostile, OnlyOneTopLevelValue) {
             << doc;
     for (const char* doc : {"{} /* c */", "\xef\xbb\xbf{\"a\": \"}{\"}"})
         EXPECT_FALSE(JsonObjectInput(doc, -1).failed()) << doc;
-}
-
-TEST(JsonObjectInputHostile, BadUnicodeEscapesAreRefusedBeforeParsing) {
+    // bad "\u" escapes are refused before parsing
     const std::string pair = kParseError + "<data>" + kBadSurrogate;
     for (const char* doc : kBadSurrogateDocuments)
-        EXPECT_EQ(err(JsonObjectInput(doc, -1)), pair) << doc;
-    for (const char* doc : {R"(["\uD800"])", R"(["\uD800x\uDC00"])"})
         EXPECT_EQ(err(JsonObjectInput(doc, -1)), pair) << doc;
     const std::string escape =
         kParseError + "<data>:1:3: Parse error: scanner: invalid unicode escape";

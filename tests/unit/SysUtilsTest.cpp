@@ -10,18 +10,16 @@
 #include "SysUtils.h"
 #include "TestSupport.h"
 
-TEST(SysUtils, ReadDataBase64ExactLengthOnly) {
-    unsigned char buffer[4];
-    memset(buffer, 0xee, sizeof buffer);
+// Base64 of exactly the buffer's length, and files of at least its length.
+TEST(SysUtils, ReadDataNeedsAllBytes) {
+    unsigned char bytes[4] = {0xee, 0xee, 0xee, 0xee};
     for (const char* text : {"AAEC", "AAECAwQ=", "AAEC/w=", "AA=C/w==", "AAE*/w==", "AAEC/w==="})
-        EXPECT_FALSE(read_data_base64(text, buffer, sizeof buffer)) << text;
-    EXPECT_FALSE(read_data_base64(nullptr, buffer, sizeof buffer));
-    EXPECT_EQ(memcmp(buffer, "\xee\xee\xee\xee", 4), 0);  // untouched by every failure
-    EXPECT_TRUE(read_data_base64("AAEC/w==", buffer, sizeof buffer));
-    EXPECT_EQ(memcmp(buffer, "\x00\x01\x02\xff", 4), 0);
-}
+        EXPECT_FALSE(read_data_base64(text, bytes, sizeof bytes)) << text;
+    EXPECT_FALSE(read_data_base64(nullptr, bytes, sizeof bytes));
+    EXPECT_EQ(memcmp(bytes, "\xee\xee\xee\xee", 4), 0);  // untouched by every failure
+    EXPECT_TRUE(read_data_base64("AAEC/w==", bytes, sizeof bytes));
+    EXPECT_EQ(memcmp(bytes, "\x00\x01\x02\xff", 4), 0);
 
-TEST(SysUtils, ReadDataFileNeedsAllBytes) {
     const TempDir tmp;
     const std::string b31 = tmp.write("b31", std::string(31, 'x'));
     const std::string b40 = tmp.write("b40", std::string(32, 'y') + "zzzzzzzz");

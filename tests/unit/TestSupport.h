@@ -4,8 +4,10 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "GLibPtr.h"
@@ -14,10 +16,6 @@
 // (g_test_expect_message needs g_test_init, which gtest does not call).
 class LogCapture {
   public:
-    struct Entry {
-        GLogLevelFlags level;
-        std::string message;  // prefixed by "domain: " for messages with a log domain
-    };
     LogCapture() { previous = g_log_set_default_handler(&LogCapture::record, this); }
     ~LogCapture() { g_log_set_default_handler(previous, nullptr); }
     LogCapture(const LogCapture&) = delete;
@@ -25,26 +23,27 @@ class LogCapture {
 
     // A message without log domain at `level` that is `text`, or starts with it (`prefix`).
     bool logged(GLogLevelFlags level, const std::string& text, bool prefix = false) const {
-        for (const Entry& e : entries)
-            if (e.level == level && (prefix ? e.message.rfind(text, 0) == 0 : e.message == text))
+        for (const auto& [at, message] : entries)
+            if (at == level && (prefix ? message.rfind(text, 0) == 0 : message == text))
                 return true;
         return false;
     }
     std::string dump() const {  // for failure messages
         std::string out;
-        for (const Entry& e : entries)
-            out += std::to_string(e.level) + " " + e.message + "\n";
+        for (const auto& [level, message] : entries)
+            out += std::to_string(level) + " " + message + "\n";
         return out;
     }
-    std::vector<Entry> entries;
+    // messages with a log domain are prefixed by "domain: "
+    std::vector<std::pair<GLogLevelFlags, std::string>> entries;
 
   private:
     static void record(const char* domain, GLogLevelFlags level, const char* message,
                        gpointer self) {
         const std::string prefix = domain && *domain ? std::string(domain) + ": " : "";
-        static_cast<LogCapture*>(self)->entries.push_back(
-            {static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK),
-             prefix + (message ? message : "")});
+        static_cast<LogCapture*>(self)->entries.emplace_back(
+            static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK),
+            prefix + (message ? message : ""));
     }
     GLogFunc previous = nullptr;
 };
@@ -75,6 +74,12 @@ class TempDir {
         return dir ? dir.get() : "/nonexistent";
     }
 };
+
+// `json` without white space, to compare JSON texts.
+inline std::string squeezed(std::string json) {
+    json.erase(std::remove_if(json.begin(), json.end(), ::isspace), json.end());
+    return json;
+}
 
 // Runs a command for at most 60 s; true when it exits with 0. `out` gets its standard output
 // followed by its standard error.
