@@ -119,6 +119,10 @@ def test_provisioning_round_trip(tmp_path):
     dump = rpmbsim("read", base, 0, "--count", 2).stdout.decode().splitlines()
     assert len(dump) == 32 and dump[0].startswith("0000: " + data[:16].hex(" "))
     assert rpmbsim("info", base).stdout == b"counter: 1\nsize: 262144 bytes (1024 blocks)\n"
+    (tmp_path / "dev.wrctr").write_bytes(b"\xff" * 4)  # expired
+    assert rpmbsim("info", base).stdout.startswith(b"counter: 4294967295 (expired)\n")
+    run = rpmbsim("write", base, 1, data_file)
+    assert re.search(rb"device result 0x85 \(write failure, write counter expired\)", run.stderr)
 
 
 @pytest.mark.parametrize("args,error", [
@@ -145,10 +149,3 @@ def test_tool_refusals(base, args, error):
     assert run.returncode == 1 and text.count("\n") == 1 and text.startswith("rpmbsim: "), text
     assert error.format(d=d) in text
 
-
-def test_expired_counter(base):
-    (base.parent / "rpmb.wrctr").write_bytes(b"\xff" * 4)
-    (base.parent / "block").write_bytes(bytes(256))
-    assert rpmbsim("info", base).stdout.startswith(b"counter: 4294967295 (expired)\n")
-    run = rpmbsim("write", base, 1, base.parent / "block")
-    assert re.search(rb"device result 0x85 \(write failure, write counter expired\)", run.stderr)
