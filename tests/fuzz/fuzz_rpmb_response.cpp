@@ -1,6 +1,7 @@
 // Response frames of an RPMB card, as the counter read, the authenticated read and the
 // authenticated write check them. A card stand-in answers with the fuzzer's bytes; what
 // each operation makes of them must be what it promises.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -12,6 +13,7 @@ namespace {
 
 using Frame = RPMB::Frame;
 
+// Answers with the fuzzer's bytes, or fails with EIO.
 class ScriptedCard : public RPMB {
   public:
     ScriptedCard(const uint8_t* data, size_t size, bool fail)
@@ -19,22 +21,19 @@ class ScriptedCard : public RPMB {
 
     int do_op(const Frame*, unsigned long, Frame* rsp, unsigned long nrsp) override {
         ++calls;
-        responses = nrsp;
-        if (fail) {
+        answers.assign(nrsp, Frame{});  // how many the operation asked for
+        memcpy(answers.data(), data, std::min(size, nrsp * sizeof(Frame)));
+        if (fail)
             errno = EIO;
-            return -1;
-        }
-        memset(rsp, 0, nrsp * sizeof(Frame));
-        memcpy(rsp, data, std::min(size, nrsp * sizeof(Frame)));
-        answers.assign(rsp, rsp + nrsp);
-        return 0;
+        else
+            std::copy(answers.begin(), answers.end(), rsp);
+        return fail ? -1 : 0;
     }
 
     const uint8_t* data;
     size_t size;
     bool fail;
     int calls = 0;
-    unsigned long responses = 0;
     std::vector<Frame> answers;
 };
 
@@ -47,7 +46,7 @@ void check(bool condition) {
 // result code; true when the operation succeeded and its outputs are to be checked.
 bool answered(const ScriptedCard& card, int rc, unsigned long nrsp, uint16_t type) {
     const int saved_errno = errno;
-    check(card.calls == 1 && card.responses == nrsp);
+    check(card.calls == 1 && card.answers.size() == nrsp);
     if (card.fail)
         check(rc == -1 && saved_errno == EIO);
     else if (card.answers.front().type() != type)
