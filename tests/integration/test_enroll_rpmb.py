@@ -49,9 +49,8 @@ def rpmb(sandbox):
 @pytest.fixture
 def rpmb_server(ca):
     srv = EnrollServer(ca, protocols=(PROTO,)).start()
-    proto = srv.protocol(PROTO)
-    proto.keys["SN-TEST-1"] = KEY
-    proto.expected_data = DEVID
+    srv.protocol(PROTO).keys["SN-TEST-1"] = KEY
+    srv.protocol(PROTO).expected_data = DEVID
     yield srv
     srv.stop()
 
@@ -124,12 +123,10 @@ def test_files_read_alike_by_either_build(sandbox, start, daemon_build):
     daemon.wait_for_message(DONE, timeout=30)
     reads = []
     for ctl_build in (zeltest.NATIVE, zeltest.TARGET):
-        done = subprocess.run(zeltest.build_command(
+        reads.append(json.loads(subprocess.check_output(zeltest.build_command(
             ctl_build, "tools/zelenrollctl/zelenrollctl", "status", "--json",
             f"--status-file={sandbox.status_file}", f"--services-dir={sandbox.services_dir}",
-            f"--key={sandbox.key}"), capture_output=True, text=True, timeout=60)
-        assert done.returncode == 0, done.stderr
-        reads.append(json.loads(done.stdout))
+            f"--key={sandbox.key}"), timeout=60)))
         # the only value that depends on when it is read
         assert reads[-1]["certificate"].pop("daysLeft") in (364, 365)
     assert reads[0] == reads[1]
@@ -229,16 +226,17 @@ def shim_log(path):
 
 
 class MmcUtils:
-    # mmc-utils' `mmc rpmb` and rpmbsim on the shim's node: clients of the RPMB written by
-    # others. rpmbsim's ioctls are logged to check that it raises CAP_SYS_RAWIO around each;
-    # holding no other capability, it writes only to `scratch`, a directory root owns.
+    # A simulated RPMB in `root` behind the shim's device node, and mmc-utils' `mmc rpmb` and
+    # rpmbsim on that node: clients of the RPMB written by others. rpmbsim's ioctls are logged
+    # to check that it raises CAP_SYS_RAWIO around each; holding no other capability, it
+    # writes only to `scratch`, a directory root owns.
 
-    def __init__(self, rpmb, node, scratch):
-        self.rpmb, self.node, self.scratch = rpmb, node, scratch
-        self.key = rpmb.base.parent / "given.key"
-        self.shim = {"LD_PRELOAD": str(SHIM), "ZEL_MMC_SHIM_RPMB": str(rpmb.base),
-                     "ZEL_MMC_SHIM_NODE": str(node)}
-        self.log = scratch / "rpmbsim.log"
+    def __init__(self, root, scratch):
+        self.rpmb, self.node, self.key = Rpmb(root), root / "mmcblk0rpmb", root / "given.key"
+        os.mknod(self.node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+        self.shim = {"LD_PRELOAD": str(SHIM), "ZEL_MMC_SHIM_RPMB": str(self.rpmb.base),
+                     "ZEL_MMC_SHIM_NODE": str(self.node)}
+        self.scratch, self.log = scratch, scratch / "rpmbsim.log"
         self.tool_env = dict(os.environ, **self.shim, ZEL_MMC_SHIM_LOG=str(self.log),
                              ASAN_OPTIONS="verify_asan_link_order=0")
 
@@ -270,10 +268,8 @@ def test_rpmb_device_enrollment(nobody_sandbox, start_daemon, rpmb_server, tmp_p
     # Through the MMC ioctl as nobody, with CAP_SYS_RAWIO raised only around each ioctl;
     # mmc-utils and rpmbsim, on the same node, agree on the RPMB before and after.
     box = nobody_sandbox
-    rpmb = Rpmb(box.root)
-    node, log, data = box.root / "mmcblk0rpmb", box.root / "shim.log", box.root / "block"
-    os.mknod(node, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
-    mmc = MmcUtils(rpmb, node, tmp_path)
+    mmc = MmcUtils(box.root, tmp_path)
+    node, log, data = mmc.node, box.root / "shim.log", box.root / "block"
     assert mmc.read(0) == (0, DEVID)
     data.write_bytes(os.urandom(256))
     mmc("write-block", node, 2, data, mmc.key)  # the simulator checks mmc-utils' MAC
