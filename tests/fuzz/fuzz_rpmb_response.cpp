@@ -12,6 +12,7 @@
 namespace {
 
 using Frame = RPMB::Frame;
+constexpr size_t kBlock = RPMB::BLOCK_SIZE;
 
 // Answers with the fuzzer's bytes, or fails with EIO.
 class ScriptedCard : public RPMB {
@@ -45,12 +46,11 @@ void check(bool condition) {
 // One call with `nrsp` responses, then the card's error, a wrong response type, or its
 // result code; true when the operation succeeded and its outputs are to be checked.
 bool answered(const ScriptedCard& card, int rc, unsigned long nrsp, uint16_t type) {
-    const int saved_errno = errno;
     check(card.calls == 1 && card.answers.size() == nrsp);
     if (card.fail)
-        check(rc == -1 && saved_errno == EIO);
+        check(rc == -1 && errno == EIO);
     else if (card.answers.front().type() != type)
-        check(rc == -1 && saved_errno == EILSEQ);
+        check(rc == -1 && errno == EILSEQ);
     else
         check(rc == card.answers.front().result());
     return rc >= 0;
@@ -81,19 +81,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (answered(card, rc, 1, RPMB::TYPE_COUNTER_READ_RSP))
             check(counter == answers[0].write_counter() && same_mac(mac, answers[0]));
     } else if (op % 3 == 1) {
-        std::vector<unsigned char> blocks(count * RPMB::BLOCK_SIZE);  // exactly what it may fill
+        std::vector<unsigned char> blocks(count * kBlock);  // exactly what it may fill
         const int rc = card.read(address, count, maybe_nonce, blocks.data(), mac);
         if (count == 0) {
             check(rc == 0 && card.calls == 0);
         } else if (answered(card, rc, count, RPMB::TYPE_DATA_READ_RSP)) {
             for (unsigned long i = 0; i < count; ++i)
-                check(memcmp(&blocks[i * RPMB::BLOCK_SIZE], answers[i].data, RPMB::BLOCK_SIZE) ==
-                      0);
+                check(memcmp(&blocks[i * kBlock], answers[i].data, kBlock) == 0);
             check(same_mac(mac, answers.back()));
         }
     } else {
         const unsigned long blocks = count % 4;
-        const std::vector<unsigned char> payload(blocks * RPMB::BLOCK_SIZE, 0xd7);
+        const std::vector<unsigned char> payload(blocks * kBlock, 0xd7);
         const unsigned char request_mac[RPMB::MAC_SIZE] = {7, 8, 9};
         unsigned short rsp_address = 0;
         const int rc = card.write(address, blocks, 42, payload.data(), request_mac, mac, &counter,

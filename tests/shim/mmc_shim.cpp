@@ -164,18 +164,6 @@ int run_op(mmc_ioc_multi_cmd* multi, const std::string& caps, std::string* op, s
     return error;
 }
 
-int answer(mmc_ioc_multi_cmd* multi) {
-    std::string op = "cmds=?", why;
-    const std::string caps = cap_eff();
-    const int error = run_op(multi, caps, &op, &why);
-    log_line("ioctl " + op + " cap_eff=" + caps + (error ? " error=" + why : " rc=0"));
-    if (!error)
-        return 0;
-    fprintf(stderr, "mmc_shim: %s\n", why.c_str());
-    errno = error;
-    return -1;
-}
-
 __attribute__((destructor)) void log_exit() {
     log_line("exit cap_eff=" + cap_eff());
 }
@@ -187,9 +175,18 @@ extern "C" int ioctl(int fd, unsigned long request, ...) __THROW {
     va_start(args, request);
     void* const arg = va_arg(args, void*);
     va_end(args);
-    if (request == MMC_IOC_MULTI_CMD && is_shim_node(fd))
-        return answer(static_cast<mmc_ioc_multi_cmd*>(arg));
-    using Ioctl = int (*)(int, unsigned long, ...);
-    static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
-    return real(fd, request, arg);
+    if (request != MMC_IOC_MULTI_CMD || !is_shim_node(fd)) {
+        using Ioctl = int (*)(int, unsigned long, ...);
+        static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
+        return real(fd, request, arg);
+    }
+    std::string op = "cmds=?", why;
+    const std::string caps = cap_eff();
+    const int error = run_op(static_cast<mmc_ioc_multi_cmd*>(arg), caps, &op, &why);
+    log_line("ioctl " + op + " cap_eff=" + caps + (error ? " error=" + why : " rc=0"));
+    if (!error)
+        return 0;
+    fprintf(stderr, "mmc_shim: %s\n", why.c_str());
+    errno = error;
+    return -1;
 }
