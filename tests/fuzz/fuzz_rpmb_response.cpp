@@ -1,6 +1,7 @@
 // Response frames of an RPMB card, as the counter read, the authenticated read and the
 // authenticated write check them. A card stand-in answers with the fuzzer's bytes; what
 // each operation makes of them must be what it promises.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -11,7 +12,9 @@
 namespace {
 
 using Frame = RPMB::Frame;
+constexpr size_t kBlock = RPMB::BLOCK_SIZE;
 
+// Answers with the fuzzer's bytes, or fails with EIO.
 class ScriptedCard : public RPMB {
   public:
     ScriptedCard(const uint8_t* data, size_t size, bool fail)
@@ -19,22 +22,19 @@ class ScriptedCard : public RPMB {
 
     int do_op(const Frame*, unsigned long, Frame* rsp, unsigned long nrsp) override {
         ++calls;
-        responses = nrsp;
-        if (fail) {
+        answers.assign(nrsp, Frame{});  // how many the operation asked for
+        memcpy(answers.data(), data, std::min(size, nrsp * sizeof(Frame)));
+        if (fail)
             errno = EIO;
-            return -1;
-        }
-        memset(rsp, 0, nrsp * sizeof(Frame));
-        memcpy(rsp, data, std::min(size, nrsp * sizeof(Frame)));
-        answers.assign(rsp, rsp + nrsp);
-        return 0;
+        else
+            std::copy(answers.begin(), answers.end(), rsp);
+        return fail ? -1 : 0;
     }
 
     const uint8_t* data;
     size_t size;
     bool fail;
     int calls = 0;
-    unsigned long responses = 0;
     std::vector<Frame> answers;
 };
 
@@ -46,12 +46,11 @@ void check(bool condition) {
 // One call with `nrsp` responses, then the card's error, a wrong response type, or its
 // result code; true when the operation succeeded and its outputs are to be checked.
 bool answered(const ScriptedCard& card, int rc, unsigned long nrsp, uint16_t type) {
-    const int saved_errno = errno;
-    check(card.calls == 1 && card.responses == nrsp);
+    check(card.calls == 1 && card.answers.size() == nrsp);
     if (card.fail)
-        check(rc == -1 && saved_errno == EIO);
+        check(rc == -1 && errno == EIO);
     else if (card.answers.front().type() != type)
-        check(rc == -1 && saved_errno == EILSEQ);
+        check(rc == -1 && errno == EILSEQ);
     else
         check(rc == card.answers.front().result());
     return rc >= 0;
@@ -82,19 +81,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (answered(card, rc, 1, RPMB::TYPE_COUNTER_READ_RSP))
             check(counter == answers[0].write_counter() && same_mac(mac, answers[0]));
     } else if (op % 3 == 1) {
-        std::vector<unsigned char> blocks(count * RPMB::BLOCK_SIZE);  // exactly what it may fill
+        std::vector<unsigned char> blocks(count * kBlock);  // exactly what it may fill
         const int rc = card.read(address, count, maybe_nonce, blocks.data(), mac);
         if (count == 0) {
             check(rc == 0 && card.calls == 0);
         } else if (answered(card, rc, count, RPMB::TYPE_DATA_READ_RSP)) {
             for (unsigned long i = 0; i < count; ++i)
-                check(memcmp(&blocks[i * RPMB::BLOCK_SIZE], answers[i].data, RPMB::BLOCK_SIZE) ==
-                      0);
+                check(memcmp(&blocks[i * kBlock], answers[i].data, kBlock) == 0);
             check(same_mac(mac, answers.back()));
         }
     } else {
         const unsigned long blocks = count % 4;
-        const std::vector<unsigned char> payload(blocks * RPMB::BLOCK_SIZE, 0xd7);
+        const std::vector<unsigned char> payload(blocks * kBlock, 0xd7);
         const unsigned char request_mac[RPMB::MAC_SIZE] = {7, 8, 9};
         unsigned short rsp_address = 0;
         const int rc = card.write(address, blocks, 42, payload.data(), request_mac, mac, &counter,

@@ -54,19 +54,10 @@ using Frame = RPMB::Frame;
 constexpr unsigned int kFlagsR1Adtc = 0x35;
 constexpr unsigned int kFlagsSpiResponse = 0x780;
 
-void log_line(const char* format, ...) {
+void log_line(const std::string& line) {
     const char* const path = getenv("ZEL_MMC_SHIM_LOG");
-    if (!path || !*path)
-        return;
-    FILE* const log = fopen(path, "a");
-    if (!log)
-        return;
-    va_list args;
-    va_start(args, format);
-    vfprintf(log, format, args);
-    va_end(args);
-    fputc('\n', log);
-    fclose(log);
+    if (path && *path)
+        std::ofstream(path, std::ios::app) << line << '\n';
 }
 
 // The effective capability mask as /proc shows it, or "unknown".
@@ -74,19 +65,18 @@ std::string cap_eff() {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-        if (line.rfind("CapEff:", 0) == 0 && line.find_first_not_of(" \t", 7) != line.npos)
-            return line.substr(line.find_first_not_of(" \t", 7));
+        if (line.rfind("CapEff:\t", 0) == 0)
+            return line.substr(8);
     }
     return "unknown";
 }
 
 bool is_shim_node(int fd) {
     const char* const node = getenv("ZEL_MMC_SHIM_NODE");
-    if (!node || !*node)
-        return true;
     struct stat want, have;
-    return stat(node, &want) == 0 && fstat(fd, &have) == 0 && want.st_dev == have.st_dev &&
-           want.st_ino == have.st_ino;
+    return !node || !*node ||
+           (stat(node, &want) == 0 && fstat(fd, &have) == 0 && want.st_dev == have.st_dev &&
+            want.st_ino == have.st_ino);
 }
 
 // Why `cmd` is not the expected command, or empty when it is.
@@ -99,21 +89,22 @@ std::string check_cmd(const mmc_ioc_cmd& cmd, const char* name, unsigned int wri
     expected.blksz = 512;
     expected.blocks = cmd.blocks;
     expected.data_ptr = cmd.data_ptr;
-    char why[256] = "";
-    if (cmd.blocks < 1 || cmd.blocks > max_blocks || !cmd.data_ptr ||
-        memcmp(&cmd, &expected, sizeof(cmd)) != 0)
-        snprintf(why, sizeof(why),
-                 "%s: write_flag=0x%x opcode=%u arg=0x%x flags=0x%x blksz=%u blocks=%u "
-                 "data_ptr=%s is_acmd=%d, wanted write_flag=0x%x opcode=%u arg=0 flags=0x35 "
-                 "(SPI bits aside) blksz=512 blocks=1..%u, other fields zero",
-                 name, static_cast<unsigned>(cmd.write_flag), cmd.opcode, cmd.arg, cmd.flags,
-                 cmd.blksz, cmd.blocks, cmd.data_ptr ? "set" : "null", cmd.is_acmd, write_flag,
-                 opcode, max_blocks);
+    if (cmd.blocks >= 1 && cmd.blocks <= max_blocks && cmd.data_ptr &&
+        memcmp(&cmd, &expected, sizeof(cmd)) == 0)
+        return "";
+    char why[256];
+    snprintf(why, sizeof(why),
+             "%s: write_flag=0x%x opcode=%u arg=0x%x flags=0x%x blksz=%u blocks=%u data_ptr=%s "
+             "is_acmd=%d, wanted write_flag=0x%x opcode=%u arg=0 flags=0x35 (SPI bits aside) "
+             "blksz=512 blocks=1..%u, other fields zero",
+             name, static_cast<unsigned>(cmd.write_flag), cmd.opcode, cmd.arg, cmd.flags, cmd.blksz,
+             cmd.blocks, cmd.data_ptr ? "set" : "null", cmd.is_acmd, write_flag, opcode,
+             max_blocks);
     return why;
 }
 
-const Frame* frames(const mmc_ioc_cmd& cmd) {
-    return reinterpret_cast<const Frame*>(static_cast<uintptr_t>(cmd.data_ptr));
+Frame* frames(const mmc_ioc_cmd& cmd) {
+    return reinterpret_cast<Frame*>(static_cast<uintptr_t>(cmd.data_ptr));
 }
 
 // Checks one multi-command operation; on success `op` describes it for the log.
@@ -121,19 +112,19 @@ std::string check_op(const mmc_ioc_multi_cmd* multi, std::string* op) {
     if (!multi)
         return "null argument";
     const mmc_ioc_cmd* const cmds = multi->cmds;
-    if (multi->num_of_cmds != 2 && multi->num_of_cmds != 3)
-        return "num_of_cmds " + std::to_string(multi->num_of_cmds) + ", wanted 2 or 3";
-    const bool write = multi->num_of_cmds == 3;
-    std::string why = check_cmd(cmds[0], "request", write ? 0x80000001 : 1, 25, 65535);
+    const unsigned int n = static_cast<unsigned>(multi->num_of_cmds);
+    if (n != 2 && n != 3)
+        return "num_of_cmds " + std::to_string(n) + ", wanted 2 or 3";
+    std::string why = check_cmd(cmds[0], "request", n == 3 ? 0x80000001 : 1, 25, 65535);
     if (!why.empty())
         return why;
     const uint16_t type = frames(cmds[0])[0].type();
-    if (write) {
+    Frame result_read{};
+    result_read.set_type(RPMB::TYPE_RESULT_READ);
+    if (n == 3) {
         why = check_cmd(cmds[1], "result read request", 1, 25, 1);
         if (why.empty())
             why = check_cmd(cmds[2], "response", 0, 18, 1);
-        Frame result_read{};
-        result_read.set_type(RPMB::TYPE_RESULT_READ);
         if (why.empty() && memcmp(frames(cmds[1]), &result_read, sizeof(Frame)) != 0)
             why = "result read request frame is not all zero with type 0x0005";
         if (why.empty() && type != RPMB::TYPE_DATA_WRITE)
@@ -144,51 +135,37 @@ std::string check_op(const mmc_ioc_multi_cmd* multi, std::string* op) {
             why = "two commands for request type " + std::to_string(type);
     }
     char text[128];
-    snprintf(text, sizeof(text), "cmds=%u type=0x%04x nreq=%u nrsp=%u",
-             static_cast<unsigned>(multi->num_of_cmds), type, cmds[0].blocks,
-             cmds[multi->num_of_cmds - 1].blocks);
+    snprintf(text, sizeof(text), "cmds=%u type=0x%04x nreq=%u nrsp=%u", n, type, cmds[0].blocks,
+             cmds[n - 1].blocks);
     *op = text;
     return why;
 }
 
-int answer(mmc_ioc_multi_cmd* multi) {
-    std::string op = "cmds=?";
-    const std::string caps = cap_eff();
-    const std::string why = check_op(multi, &op);
-    int error = 0;
-    std::string text;
-    if (!why.empty()) {
-        error = EPROTO;
-        text = why;
-    } else if (!(strtoull(caps.c_str(), nullptr, 16) & (1ull << CAP_SYS_RAWIO))) {
-        error = EPERM;
-        text = "CAP_SYS_RAWIO is not effective";
-    } else {
-        const mmc_ioc_cmd& last = multi->cmds[multi->num_of_cmds - 1];
-        const char* const base = getenv("ZEL_MMC_SHIM_RPMB");
-        RPMBSimulator sim;
-        if (!base || !sim.open(base)) {
-            error = EIO;
-            text = std::string("cannot open simulated RPMB '") + (base ? base : "") + "'";
-        } else if (sim.do_op(frames(multi->cmds[0]), multi->cmds[0].blocks,
-                             reinterpret_cast<Frame*>(static_cast<uintptr_t>(last.data_ptr)),
-                             last.blocks) != 0) {
-            error = errno;
-            text = std::string("simulator: ") + strerror(errno);
-        }
+// The error of a failed operation, with its text in `why`, or 0.
+int run_op(mmc_ioc_multi_cmd* multi, const std::string& caps, std::string* op, std::string* why) {
+    *why = check_op(multi, op);
+    if (!why->empty())
+        return EPROTO;
+    if (!(strtoull(caps.c_str(), nullptr, 16) & (1ull << CAP_SYS_RAWIO))) {
+        *why = "CAP_SYS_RAWIO is not effective";
+        return EPERM;
     }
-    if (error) {
-        fprintf(stderr, "mmc_shim: %s\n", text.c_str());
-        log_line("ioctl %s cap_eff=%s error=%s", op.c_str(), caps.c_str(), text.c_str());
-        errno = error;
-        return -1;
+    const char* const base = getenv("ZEL_MMC_SHIM_RPMB");
+    RPMBSimulator sim;
+    if (!base || !sim.open(base)) {
+        *why = std::string("cannot open simulated RPMB '") + (base ? base : "") + "'";
+        return EIO;
     }
-    log_line("ioctl %s cap_eff=%s rc=0", op.c_str(), caps.c_str());
-    return 0;
+    const mmc_ioc_cmd& last = multi->cmds[multi->num_of_cmds - 1];
+    if (sim.do_op(frames(multi->cmds[0]), multi->cmds[0].blocks, frames(last), last.blocks) == 0)
+        return 0;
+    const int error = errno;
+    *why = std::string("simulator: ") + strerror(error);
+    return error;
 }
 
 __attribute__((destructor)) void log_exit() {
-    log_line("exit cap_eff=%s", cap_eff().c_str());
+    log_line("exit cap_eff=" + cap_eff());
 }
 
 }  // namespace
@@ -198,9 +175,18 @@ extern "C" int ioctl(int fd, unsigned long request, ...) __THROW {
     va_start(args, request);
     void* const arg = va_arg(args, void*);
     va_end(args);
-    if (request == MMC_IOC_MULTI_CMD && is_shim_node(fd))
-        return answer(static_cast<mmc_ioc_multi_cmd*>(arg));
-    using Ioctl = int (*)(int, unsigned long, ...);
-    static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
-    return real(fd, request, arg);
+    if (request != MMC_IOC_MULTI_CMD || !is_shim_node(fd)) {
+        using Ioctl = int (*)(int, unsigned long, ...);
+        static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
+        return real(fd, request, arg);
+    }
+    std::string op = "cmds=?", why;
+    const std::string caps = cap_eff();
+    const int error = run_op(static_cast<mmc_ioc_multi_cmd*>(arg), caps, &op, &why);
+    log_line("ioctl " + op + " cap_eff=" + caps + (error ? " error=" + why : " rc=0"));
+    if (!error)
+        return 0;
+    fprintf(stderr, "mmc_shim: %s\n", why.c_str());
+    errno = error;
+    return -1;
 }

@@ -3,8 +3,6 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include "RPMBDevice.h"
@@ -14,15 +12,13 @@
 namespace {
 
 using Frame = RPMB::Frame;
-using Frames = std::vector<Frame>;
-
-const std::vector<unsigned char> kKey(32, 0xA0);
 
 // Both back ends refuse the same malformed operations before touching anything; a device
 // that is not open then fails only in the ioctl itself.
 TEST(RPMBDoOp, ArgumentRules) {
     TempDir dir;
-    ASSERT_TRUE(RPMBSimulator::create(dir.file("rpmb"), kKey, 0x20000));
+    ASSERT_TRUE(RPMBSimulator::create(dir.file("rpmb"), std::vector<unsigned char>(32, 0xA0),
+                                      RPMBSimulator::SIZE_UNIT));
     RPMBSimulator sim;
     ASSERT_TRUE(sim.open(dir.file("rpmb")));
     RPMBDevice dev;
@@ -33,29 +29,28 @@ TEST(RPMBDoOp, ArgumentRules) {
     EXPECT_EQ(ioctl(-1, MMC_IOC_MULTI_CMD, nullptr), -1);
     const int ioctl_errno = errno;
     EXPECT_TRUE(ioctl_errno == EBADF || ioctl_errno == ENOSYS) << ioctl_errno;
-    struct Case {
+    // request type (0: no request frame at all), request and response frames, valid
+    const struct {
         uint16_t type;
-        bool null_req;
         unsigned long nreq, nrsp;
         bool valid;
+    } cases[] = {
+        {0, 1, 1, false},
+        {RPMB::TYPE_DATA_READ, 0, 1, false},
+        {RPMB::TYPE_DATA_READ, 1, 0, false},
+        {RPMB::TYPE_DATA_READ, 1, 65536, false},
+        {RPMB::TYPE_COUNTER_READ, 1, 2, false},
+        {RPMB::TYPE_DATA_WRITE, 1, 2, false},
+        {RPMB::TYPE_KEY_PROGRAM, 1, 1, false},
+        {RPMB::TYPE_RESULT_READ, 1, 1, false},
+        {RPMB::TYPE_DATA_READ, 1, 65535, true},
+        {RPMB::TYPE_COUNTER_READ, 1, 1, true},
     };
-    const Case cases[] = {
-        {RPMB::TYPE_DATA_READ, true, 1, 1, false},
-        {RPMB::TYPE_DATA_READ, false, 0, 1, false},
-        {RPMB::TYPE_DATA_READ, false, 1, 0, false},
-        {RPMB::TYPE_DATA_READ, false, 1, 65536, false},
-        {RPMB::TYPE_COUNTER_READ, false, 1, 2, false},
-        {RPMB::TYPE_DATA_WRITE, false, 1, 2, false},
-        {RPMB::TYPE_KEY_PROGRAM, false, 1, 1, false},
-        {RPMB::TYPE_RESULT_READ, false, 1, 1, false},
-        {RPMB::TYPE_DATA_READ, false, 1, 65535, true},
-        {RPMB::TYPE_COUNTER_READ, false, 1, 1, true},
-    };
-    Frames rsp(65536);
-    for (const Case& c : cases) {
+    std::vector<Frame> rsp(65536);
+    for (const auto& c : cases) {
         Frame req{};
         req.set_type(c.type);
-        const Frame* const r = c.null_req ? nullptr : &req;
+        const Frame* const r = c.type ? &req : nullptr;
         errno = 0;
         EXPECT_EQ(sim.do_op(r, c.nreq, rsp.data(), c.nrsp), c.valid ? 0 : -1) << c.type;
         EXPECT_EQ(errno, c.valid ? 0 : EINVAL) << c.type << " " << c.nrsp;
@@ -73,10 +68,9 @@ class CannedRPMB : public RPMB {
   public:
     int do_op(const Frame*, unsigned long, Frame* rsp, unsigned long nrsp) override {
         for (unsigned long i = 0; i < nrsp; ++i)
-            rsp[i].set_type(type);
+            rsp[i].set_type(RPMB::TYPE_DATA_WRITE_RSP);
         return 0;
     }
-    uint16_t type = RPMB::TYPE_DATA_WRITE_RSP;
 };
 
 TEST(RPMBOperations, AnswerOfAnotherTypeIsRefused) {
