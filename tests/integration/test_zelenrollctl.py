@@ -17,7 +17,6 @@ from zeltest import BUILD_DIR, DBUS_NAME, DBUS_PATH, enroller_property, wait_unt
 
 CTL = BUILD_DIR / "tools" / "zelenrollctl" / "zelenrollctl"
 DONE = "enrollment completed successfully"
-FAILED_ATTEMPT = r"WARNING \*\*: .*InternalServerError"
 DAY = datetime.timedelta(days=1)
 
 
@@ -52,7 +51,7 @@ def test_status_wait_diagnose_trigger_and_the_enrolled_signal(sandbox, start_dae
     # The first attempt fails, so that the state before enrolling can be read.
     server.inject("/initiate", Fault.error(500, "InternalServerError"))
     daemon = start_daemon(sandbox.args("--retry=2", base_url=server.url))
-    daemon.wait_for_log(FAILED_ATTEMPT)
+    daemon.wait_for_log(r"WARNING \*\*: .*InternalServerError")
     assert wait_until(name_owned, 5) and enroller_property("enrolled") == "false"
     before = ctl_json(sandbox, "status")
     assert before["daemon"] == {"running": True, "enrolled": False, "disabled": False}
@@ -122,47 +121,45 @@ def test_daemon_absent_or_bad_usage(sandbox, args, code):
         assert json.loads(done.stdout)["daemon"]["running"] is False
 
 
-@pytest.mark.parametrize("contents,error", [
-    ("{", "failed to parse JSON"), ('{"enrolled": true, "rpmb": {}}', "missing member "
-                                     "'writeCounter'")])
-def test_invalid_status_file(sandbox, start_daemon, contents, error):
-    start_daemon(sandbox.args("--retry=3600"))
-    assert wait_until(name_owned, 5)
-    bad = sandbox.write("bad-status", contents)
-    done = ctl(sandbox, "status", f"--status-file={bad}")
-    one_error_line(done, 1, "invalid status file")
-    assert error in done.stderr and "invalid: " in done.stdout
-
-
-@pytest.mark.parametrize("flag,why", [
-    ("--enable", "the daemon is enrolling already"), ("--disable", "enrollment is disabled")])
-def test_renew_if_due_leaves_an_unenrolled_daemon_alone(sandbox, start_daemon, flag, why):
+@pytest.mark.parametrize("flag,why,contents,error", [
+    ("--enable", "the daemon is enrolling already", "{", "failed to parse JSON"),
+    ("--disable", "enrollment is disabled", '{"enrolled": true, "rpmb": {}}',
+     "missing member 'writeCounter'")])
+def test_invalid_status_file_and_renew_if_due_of_an_unenrolled_daemon(sandbox, start_daemon, flag,
+                                                                       why, contents, error):
     start_daemon(sandbox.args(flag, "--retry=3600"))
     assert wait_until(name_owned, 5)
     done = ctl(sandbox, "renew-if-due")
     assert done.returncode == 0 and done.stdout == f"nothing to do: {why}\n", done
     assert ctl_json(sandbox, "diagnose")["disabled"] is (flag == "--disable")
+    done = ctl(sandbox, "status", f"--status-file={sandbox.write('bad-status', contents)}")
+    one_error_line(done, 1, "invalid status file")
+    assert error in done.stderr and "invalid: " in done.stdout
 
 
-def device_cert(ca, sandbox, start, end):
-    key = serialization.load_pem_private_key(sandbox.key.read_bytes(), None)
-    now = datetime.datetime.now(datetime.timezone.utc)
-    return ca.issue_cert(key.public_key(), now + start * DAY, now + end * DAY)
+def device_cert(start, end):  # makes a certificate of the device key, days from now
+    def make(ca, box):
+        key = serialization.load_pem_private_key(box.key.read_bytes(), None)
+        now = datetime.datetime.now(datetime.timezone.utc)
+        return ca.issue_cert(key.public_key(), now + start * DAY, now + end * DAY)
+    return make
 
 
-@pytest.mark.parametrize("certificate,args,renewed,why", [  # certificate None: no file
-    (False, [], False, "nothing to do: certificate valid until"),
-    (lambda ca, box: device_cert(ca, box, -70, 30), [], True,
-     "renewing: certificate passed 66% of its validity"),
-    (lambda ca, box: device_cert(ca, box, -70, 30), ["--fraction=0.9"], False, "renewal due"),
-    (lambda ca, box: device_cert(ca, box, -100, -1), [], True, "renewing: certificate expired"),
-    (lambda ca, box: ca.issue_unrelated_cert(), [], True,
-     "renewing: certificate does not match the device key"),
-    (lambda ca, box: None, [], True, "renewing: no stored certificate"),
-    (lambda ca, box: "not a certificate", [], True, "renewing: unreadable certificate")],
-    ids=["fresh", "past-two-thirds", "not-past-fraction", "expired", "other-key", "missing",
-         "garbage"])
-def test_renew_if_due(sandbox, start_daemon, server, ca, certificate, args, renewed, why):
+RENEWALS = {  # case: (makes the stored certificate, None for no file; arguments; what it says)
+    "fresh": (False, [], "nothing to do: certificate valid until"),
+    "past-two-thirds": (device_cert(-70, 30), [],
+                        "renewing: certificate passed 66% of its validity"),
+    "not-past-fraction": (device_cert(-70, 30), ["--fraction=0.9"], "renewal due"),
+    "expired": (device_cert(-100, -1), [], "renewing: certificate expired"),
+    "other-key": (lambda ca, box: ca.issue_unrelated_cert(), [],
+                  "renewing: certificate does not match the device key"),
+    "missing": (lambda ca, box: None, [], "renewing: no stored certificate"),
+    "garbage": (lambda ca, box: "not a certificate", [], "renewing: unreadable certificate")}
+
+
+@pytest.mark.parametrize("case", RENEWALS)
+def test_renew_if_due(sandbox, start_daemon, server, ca, case):
+    certificate, args, why = RENEWALS[case]
     # A short base interval keeps the spacing of requests after a trigger short.
     daemon = start_daemon(sandbox.args("--retry=1", base_url=server.url))
     daemon.wait_for_message(DONE, timeout=15)
@@ -176,6 +173,7 @@ def test_renew_if_due(sandbox, start_daemon, server, ca, certificate, args, rene
 
     done = ctl(sandbox, "renew-if-due", *args)
     assert done.returncode == 0 and why in done.stdout, (done.stdout, done.stderr)
+    renewed = why.startswith("renewing")
     assert ("re-enrollment triggered" in done.stdout) == renewed
     if renewed:
         server.wait_for_request("/initiate", count=2)
@@ -186,112 +184,86 @@ def test_renew_if_due(sandbox, start_daemon, server, ca, certificate, args, rene
 
 # --- check: one broken precondition per sandbox, then a device where everything holds
 
-def check_lines(sandbox, *args, user="nobody", mounts=None):
-    """`zelenrollctl check` as the daemon's `user` would see the sandbox."""
-    return ctl(sandbox, "check", f"--branding={sandbox.branding}", "--proxy=", f"--user={user}",
-               *args, mounts=mounts)
-
-
-def private_copy(sandbox, path):
-    """A copy of `path` that only root may read."""
-    copy = sandbox.root / "private" / path.name
-    copy.parent.mkdir(exist_ok=True)
-    copy.write_bytes(path.read_bytes())
-    copy.chmod(0o600)
-    return copy
-
-
-def future_cert_services(sandbox, ca):
-    service = {"certificate": device_cert(ca, sandbox, 1, 30)}
-    sandbox.write("future/aws-iot/service.json", json.dumps(service))
-    return sandbox.root / "future"
-
-
-def tls_url(stack, ca):
-    server = EnrollServer(ca, tls=True).start()
-    stack.callback(server.stop)
-    return server.url
-
-
-def rpmb_node(sandbox):
-    node = sandbox.root / "rpmb-node"
-    subprocess.run(["mknod", str(node), "c", "1", "3"], check=True)
-    node.chmod(0o600)
-    return node
-
-
 ROOT_ONLY = "(owner root, group root, mode 0600)"
-CHECK_CASES = {  # (arguments, check, what it found: {root} the sandbox)
-    "missing key": (lambda box, ca, stack: [f"--key={box.root / 'none.key'}"], "device key",
-                    "'{root}/none.key': No such file or directory"),
+CHECK_CASES = {  # case: (the check that fails, what it found: {root} the sandbox)
+    "missing key": ("device key", "'{root}/none.key': No such file or directory"),
     "key unreadable by the user": (
-        lambda box, ca, stack: [f"--key={private_copy(box, box.key)}"], "device key",
-        f"user 'nobody' may not read '{{root}}/private/device.key' {ROOT_ONLY}"),
+        "device key", f"user 'nobody' may not read '{{root}}/private/device.key' {ROOT_ONLY}"),
     "wrong-mode RPMB node": (
-        lambda box, ca, stack: [f"--rpmb={rpmb_node(box)}", "--protocol=emmc-rpmb-csr"], "RPMB",
-        f"user 'nobody' may not read and write '{{root}}/rpmb-node' {ROOT_ONLY}"),
+        "RPMB", f"user 'nobody' may not read and write '{{root}}/rpmb-node' {ROOT_ONLY}"),
     "unparsable status file": (
-        lambda box, ca, stack: [f"--status-file={box.write('bad-status', '{')}"], "status file",
-        "'{root}/bad-status' cannot be parsed (failed to parse JSON ...): the daemon keeps it "
-        "as '...' at its next start and forgets the enrollment and RPMB history"),
+        "status file", "'{root}/bad-status' cannot be parsed (failed to parse JSON ...): the "
+        "daemon keeps it as '...' at its next start and forgets the enrollment and RPMB history"),
     "clock before the certificate": (
-        lambda box, ca, stack: [f"--services-dir={future_cert_services(box, ca)}"], "clock",
-        "... is before the stored certificate's validity, which starts ..."),
-    "no TPM": (lambda box, ca, stack: ["--protocol=tpm2-authkey-csr"], "TPM",
-               "no TPM answers through the default TCTI: ..."),
-    "server of an unknown CA": (
-        lambda box, ca, stack: ["--connect", f"--base-url={tls_url(stack, ca)}"], "server",
-        "https://127.0.0.1:...: the server's certificate is not signed by a CA of the CA bundle"),
-    "daemon absent": (lambda box, ca, stack: [], "daemon",
-                      f"not running: nobody owns {DBUS_NAME} on the system bus"),
+        "clock", "... is before the stored certificate's validity, which starts ..."),
+    "no TPM": ("TPM", "no TPM answers through the default TCTI: ..."),
+    "server of an unknown CA": ("server", "https://127.0.0.1:...: the server's certificate is "
+                                "not signed by a CA of the CA bundle"),
+    "daemon absent": ("daemon", f"not running: nobody owns {DBUS_NAME} on the system bus"),
 }
 
 
-def line_re(level, name, found):
-    """The exact line, "..." standing for one run of text without a blank line."""
-    pattern = re.escape(f"{level:<7} {name:<12} {found}").replace(r"\.\.\.", ".+?")
-    return pattern + ("; fix: .+" if level != "ok" else "")
+def check_args(case, box, ca, stack):
+    # The arguments of `check` that break the precondition of `case` in the sandbox `box`.
+    if case == "missing key":
+        return [f"--key={box.root / 'none.key'}"]
+    if case == "key unreadable by the user":
+        private = box.root / "private" / "device.key"
+        subprocess.run(["install", "-D", "-m", "600", box.key, private], check=True)
+        return [f"--key={private}"]
+    if case == "wrong-mode RPMB node":
+        subprocess.run(["mknod", "-m", "600", box.root / "rpmb-node", "c", "1", "3"], check=True)
+        return [f"--rpmb={box.root / 'rpmb-node'}", "--protocol=emmc-rpmb-csr"]
+    if case == "unparsable status file":
+        return [f"--status-file={box.write('bad-status', '{')}"]
+    if case == "clock before the certificate":
+        service = {"certificate": device_cert(1, 30)(ca, box)}
+        box.write("future/aws-iot/service.json", json.dumps(service))
+        return [f"--services-dir={box.root / 'future'}"]
+    if case == "no TPM":  # where no simulator answers
+        stack.callback(tpmsim.NetNamespace().leave)
+        return ["--protocol=tpm2-authkey-csr"]
+    if case == "server of an unknown CA":
+        server = EnrollServer(ca, tls=True).start()
+        stack.callback(server.stop)
+        return ["--connect", f"--base-url={server.url}"]
+    return []
 
 
 @pytest.mark.root
 @pytest.mark.parametrize("case", CHECK_CASES)
 def test_check_names_the_broken_precondition(nobody_sandbox, start_daemon, ca, case):
     box = nobody_sandbox
-    make_args, name, found = CHECK_CASES[case]
-    netns = tpmsim.NetNamespace() if case == "no TPM" else None  # no simulator answers
-    try:
-        if case != "daemon absent":
-            start_daemon(box.args("--retry=3600"))
-            assert wait_until(name_owned, 5)
-        with contextlib.ExitStack() as stack:
-            done = check_lines(box, *make_args(box, ca, stack))
-    finally:
-        if netns:
-            netns.leave()
+    if case != "daemon absent":
+        start_daemon(box.args("--retry=3600"))
+        assert wait_until(name_owned, 5)
+    with contextlib.ExitStack() as stack:
+        done = ctl(box, "check", f"--branding={box.branding}", "--proxy=", "--user=nobody",
+                   *check_args(case, box, ca, stack))
     errors = [line for line in done.stdout.splitlines() if line.startswith("error")]
     assert done.returncode == 1 and len(errors) == 1, done.stdout + done.stderr
-    found = found.format(root=box.root)
-    assert re.fullmatch(line_re("error", name, found), errors[0]), errors[0]
+    # the exact line, "..." standing for one run of text without a blank line
+    name, found = CHECK_CASES[case]
+    line = re.escape(f"{'error':<7} {name:<12} {found.format(root=box.root)}")
+    assert re.fullmatch(line.replace(r"\.\.\.", ".+?") + "; fix: .+", errors[0]), errors[0]
 
 
 @pytest.mark.root
-def test_check_all_green(sandbox, start_daemon, ca, swtpm):
+def test_check_all_green(sandbox, start_daemon, ca, swtpm, request):
     box = sandbox  # the daemon runs as root, which owns the sandbox
     server = EnrollServer(ca, tls=True).start()  # after swtpm: in its network namespace
-    try:
-        rpmb = box.root / "rpmb"
-        subprocess.run([str(BUILD_DIR / "tools" / "rpmbsim"), "create", str(rpmb), "1",
-                        "--new-key", str(box.root / "rpmb-key")], check=True, capture_output=True)
-        branding = box.write_branding(enrollRootUrl=server.url)
-        mounts = {"/etc/ssl/certs/ca-certificates.crt":
-                  box.write("ca-bundle.crt", server.ca_file.read_text())}
-        daemon = start_daemon(box.args(base_url=False, branding=branding), mounts=mounts)
-        daemon.wait_for_message(DONE, timeout=15)
-        done = check_lines(box, "--json", "--connect", f"--rpmb={rpmb}",
-                           "--protocol=emmc-rpmb-csr", "--protocol=tpm2-authkey-csr",
-                           user="root", mounts=mounts)
-    finally:
-        server.stop()
+    request.addfinalizer(server.stop)
+    rpmb = box.root / "rpmb"
+    subprocess.run([str(BUILD_DIR / "tools" / "rpmbsim"), "create", str(rpmb), "1", "--new-key",
+                    str(box.root / "rpmb-key")], check=True, capture_output=True)
+    branding = box.write_branding(enrollRootUrl=server.url)
+    mounts = {"/etc/ssl/certs/ca-certificates.crt":
+              box.write("ca-bundle.crt", server.ca_file.read_text())}
+    daemon = start_daemon(box.args(base_url=False, branding=branding), mounts=mounts)
+    daemon.wait_for_message(DONE, timeout=15)
+    done = ctl(box, "check", f"--branding={branding}", "--proxy=", "--user=root", "--json",
+               "--connect", f"--rpmb={rpmb}", "--protocol=emmc-rpmb-csr",
+               "--protocol=tpm2-authkey-csr", mounts=mounts)
     report = json.loads(done.stdout)
     assert done.returncode == 0 and report["warnings"] == report["errors"] == 0, done.stdout
     assert [c["check"] for c in report["checks"]] == [
