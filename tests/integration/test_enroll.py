@@ -11,13 +11,6 @@ from enrollserver import Fault
 DONE = "enrollment completed successfully"
 
 
-def enroll(sandbox, start_daemon, server, *extra, **kwargs):
-    # A daemon started against `server` that has completed one enrollment.
-    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **kwargs))
-    daemon.wait_for_message(DONE, timeout=15)
-    return daemon
-
-
 def status(sandbox):
     return json.loads(sandbox.status_file.read_text())
 
@@ -31,7 +24,8 @@ def test_noauth_csr_enrollment_and_restart_until_base_url_changes(sandbox, start
                               '"nested": {"a": {"b": [true, null, {}, []]}}')
     extra = ("--user-serial=U1", "--chassis-serial=C4", "--protocol=noauth-csr")
     device = {"serial": "SN-42", "fwver": "2.1.0"}
-    daemon = enroll(sandbox, start_daemon, server, *extra, **device)
+    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **device))
+    daemon.wait_for_message(DONE, timeout=15)
     assert daemon.has_message("initiating enrollment with protocol(s): noauth-csr")
     assert [r.path for r in server.requests] == [
         "/enroll/initiate", "/enroll/CSRVerify", "/enroll/acknowledge"]
@@ -74,29 +68,16 @@ def test_noauth_csr_enrollment_and_restart_until_base_url_changes(sandbox, start
     daemon.stop()
 
     # A new base URL forces a new enrollment with the new server.
-    daemon = enroll(sandbox, start_daemon, second_server, *extra, **device)
+    daemon = start_daemon(sandbox.args(*extra, base_url=second_server.url, **device))
+    daemon.wait_for_message(DONE, timeout=15)
     assert daemon.has_message(f"the enroll base URL has changed (was '{server.url}'), "
                               "forcing re-enrollment")
     assert len(server.requests) == 3 and len(second_server.requests) == 3
     state = status(sandbox)
-    assert state["enrolled"] is True and state["lastEnrollBaseURL"] == second_server.url
-    assert state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
-    assert "forcedEnrollTStamp" in state
+    assert state["enrolled"] is True and state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
+    assert state["lastEnrollBaseURL"] == second_server.url and "forcedEnrollTStamp" in state
     service = json.loads((sandbox.services_dir / "aws-iot" / "service.json").read_text())
     assert service == second_server.sent_services[-1]["aws-iot"]
-
-
-def test_initiate_body(sandbox, start_daemon, server):
-    # No alternative serials, an empty firmware version, the protocols as given (duplicates
-    # kept) and no public key with --force-new-cert.
-    daemon = start_daemon(sandbox.args("--force-new-cert", "--protocol=noauth-csr",
-                                       "--protocol=noauth-csr", fwver="",
-                                       base_url=server.url))
-    server.wait_for_request("/initiate")
-    assert server.requests[0].json == {
-        "device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
-        "enrollmentProtocols": ["noauth-csr", "noauth-csr"], "enrollService": "aws-iot"}
-    daemon.wait_for_message(DONE, timeout=15)
 
 
 def test_disabled_enroller_sends_nothing(sandbox, start_daemon, server):
@@ -156,12 +137,19 @@ def test_unreadable_key_and_trailing_slashes_of_base_url(sandbox, start_daemon, 
     (410, "CallbackDataExpiredException", 0, (0.0, 0.7)),
     (410, "CallbackDataExpiredException", 3, (2.7, 4.3)),
     (400, "InvalidCSRException", 0, None)], ids=["expired", "expired-spaced", "other"])
-def test_expired_callback_data_restarts_after_the_spacing(sandbox, start_daemon, server, http,
-                                                          code, retry, gap):
+def test_initiate_body_and_expired_callback_data_restart_after_the_spacing(
+        sandbox, start_daemon, server, http, code, retry, gap):
     server.inject("/CSRVerify", Fault.error(http, code))
-    daemon = start_daemon(sandbox.args(f"--retry={retry}", base_url=server.url))
+    daemon = start_daemon(sandbox.args(f"--retry={retry}", "--force-new-cert",
+                                       "--protocol=noauth-csr", "--protocol=noauth-csr", fwver="",
+                                       base_url=server.url))
     daemon.wait_for_log(rf"request failed with status code: {http}, code: {code}, server "
                         r"time: \S+, msg: ")
+    # No alternative serials, an empty firmware version, the protocols as given (duplicates
+    # kept) and no public key with --force-new-cert.
+    assert server.requests[0].json == {
+        "device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
+        "enrollmentProtocols": ["noauth-csr", "noauth-csr"], "enrollService": "aws-iot"}
     if gap is None:
         time.sleep(1.5)
         assert [r.path for r in server.requests] == ["/enroll/initiate", "/enroll/CSRVerify"]

@@ -11,12 +11,11 @@ import tpmsim
 from zeltest import wait_until
 
 DONE = "enrollment completed successfully"
-PROTO = "--protocol=tpm2-authkey-csr"
 
 
-def start(sandbox, start_daemon, server, *extra):
-    return start_daemon(sandbox.args(PROTO, "--retry=1", *extra, base_url=server.url),
-                        env=tpmsim.default_tcti_env(sandbox.root))
+def start(sandbox, start_daemon, server):
+    args = sandbox.args("--protocol=tpm2-authkey-csr", "--retry=1", base_url=server.url)
+    return start_daemon(args, env=tpmsim.default_tcti_env(sandbox.root))
 
 
 def paths(server):

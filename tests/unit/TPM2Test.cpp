@@ -112,10 +112,9 @@ TEST_F(TPM2Test, FirstOpenPersistsTheKeyLaterOnesLoadIt) {
 
 TEST_F(TPM2Test, MismatchingKeyAtTheHandleGivesATransientKey) {
     const TempDir dir;
-    ASSERT_TRUE(
-        tpm2_tool({"tpm2_createprimary", "-C", "e", "-G", "rsa3072", "-c", dir.file("other.ctx")}));
-    ASSERT_TRUE(
-        tpm2_tool({"tpm2_evictcontrol", "-C", "o", "-c", dir.file("other.ctx"), "0x81018001"}));
+    const std::string other = dir.file("other.ctx");
+    ASSERT_TRUE(tpm2_tool({"tpm2_createprimary", "-C", "e", "-G", "rsa3072", "-c", other}));
+    ASSERT_TRUE(tpm2_tool({"tpm2_evictcontrol", "-C", "o", "-c", other, "0x81018001"}));
     ASSERT_TRUE(tpm2_tool({"tpm2_flushcontext", "-t"}));
 
     LogCapture log;
