@@ -8,8 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t offset = 0;
     TPMT_PUBLIC pub = {};
-    TPM2B_NAME name = {};
-    TPM2B_NAME qualified = {};
+    TPM2B_NAME name = {}, qualified = {};
     if (Tss2_MU_TPMT_PUBLIC_Unmarshal(data, size, &offset, &pub) == TSS2_RC_SUCCESS &&
         Tss2_MU_TPM2B_NAME_Unmarshal(data, size, &offset, &name) == TSS2_RC_SUCCESS &&
         Tss2_MU_TPM2B_NAME_Unmarshal(data, size, &offset, &qualified) == TSS2_RC_SUCCESS)

@@ -11,104 +11,71 @@ from enrollserver import Fault
 DONE = "enrollment completed successfully"
 
 
-def enroll(sandbox, start_daemon, server, *extra, **kwargs):
-    # A daemon started against `server` that has completed one enrollment.
-    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **kwargs))
-    daemon.wait_for_message(DONE, timeout=15)
-    return daemon
-
-
 def status(sandbox):
     return json.loads(sandbox.status_file.read_text())
 
 
-def squeezed(text):  # JSON text without the white space between tokens
-    return re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda m: m.group(1) or "", text)
-
-
-def public_key(sandbox):
-    return subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
-                          capture_output=True, text=True, check=True).stdout
-
-
 @pytest.mark.arm64
-def test_noauth_csr_enrollment(sandbox, start_daemon, server):
+def test_noauth_csr_enrollment_and_restart_until_base_url_changes(sandbox, start_daemon, server,
+                                                                  second_server):
     server.extra_services = {"other": {"endpoint": "other.example"}}
     server.service_members = ('"ints": [0, -1, 9223372036854775807, -9223372036854775808], '
                               '"halves": [0.5, -1.25], "long": "' + "x/" * 30000 + '", '
                               '"nested": {"a": {"b": [true, null, {}, []]}}')
-    daemon = enroll(sandbox, start_daemon, server, "--user-serial=U1", "--chassis-serial=C4",
-                    "--protocol=noauth-csr", serial="SN-42", fwver="2.1.0")
+    extra = ("--user-serial=U1", "--chassis-serial=C4", "--protocol=noauth-csr")
+    device = {"serial": "SN-42", "fwver": "2.1.0"}
+    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **device))
+    daemon.wait_for_message(DONE, timeout=15)
     assert daemon.has_message("initiating enrollment with protocol(s): noauth-csr")
     assert [r.path for r in server.requests] == [
         "/enroll/initiate", "/enroll/CSRVerify", "/enroll/acknowledge"]
     for record in server.requests:
         assert record.headers["Content-Type"] == "application/json"
         assert record.headers["User-Agent"].startswith("zelenrolld/1.0 libsoup/")
-    body = server.requests[0].json
-    assert list(body.items()) == [
+    public_key = subprocess.run(["openssl", "pkey", "-pubout", "-in", str(sandbox.key)],
+                                capture_output=True, text=True, check=True).stdout
+    assert list(server.requests[0].json.items()) == [
         ("device", {"serial": "SN-42", "model": "MP-100", "brand": "Acme",
                     "altSerial": {"user": "U1", "chassis": "C4"}}),
         ("firmwareVersion", "2.1.0"), ("enrollmentProtocols", ["noauth-csr"]),
-        ("publicKey", public_key(sandbox)), ("enrollService", "aws-iot")]
+        ("publicKey", public_key), ("enrollService", "aws-iot")]
 
-    # The service is stored exactly as sent, pretty-printed, and its certificate is the one
-    # issued for the device key.
+    # The service is stored exactly as sent (compared without the white space between JSON
+    # tokens), pretty-printed, and its certificate is the one issued for the device key.
     sent = server.sent_services[-1]["aws-iot"]
     text = (sandbox.services_dir / "aws-iot" / "service.json").read_text()
-    assert squeezed(text) == json.dumps(sent, separators=(",", ":"))
-    assert "\n  " in text
+    squeezed = re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda m: m.group(1) or "", text)
+    assert squeezed == json.dumps(sent, separators=(",", ":")) and "\n  " in text
     cert = subprocess.run(["openssl", "x509", "-noout", "-pubkey"], input=sent["certificate"],
                           capture_output=True, text=True, check=True).stdout
-    assert cert == public_key(sandbox)
-
+    assert cert == public_key
     assert server.requests[-1].json["acknowledgedServices"] == {
         "aws-iot": {"status": "saved"}, "other": {"status": "unknown"}}
-    state = status(sandbox)
-    assert state["enrolled"] is True and state["lastEnrollBaseURL"] == server.url
     assert not (sandbox.services_dir / "other").exists()
 
     # Enrolled: no retry is left armed.
     time.sleep(2.5)
     assert len(server.requests) == 3
     assert daemon.stop() == 0
-
-
-def test_initiate_body(sandbox, start_daemon, server):
-    # No alternative serials, an empty firmware version, the protocols as given (duplicates
-    # kept) and no public key with --force-new-cert.
-    daemon = start_daemon(sandbox.args("--force-new-cert", "--protocol=noauth-csr",
-                                       "--protocol=noauth-csr", fwver="",
-                                       base_url=server.url))
-    server.wait_for_request("/initiate")
-    assert server.requests[0].json == {
-        "device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
-        "enrollmentProtocols": ["noauth-csr", "noauth-csr"], "enrollService": "aws-iot"}
-    daemon.wait_for_message(DONE, timeout=15)
-
-
-def test_enrolled_state_survives_restart_until_base_url_changes(sandbox, start_daemon,
-                                                                  server, second_server):
-    enroll(sandbox, start_daemon, server).stop()
     first = status(sandbox)
+    assert first["enrolled"] is True and first["lastEnrollBaseURL"] == server.url
 
     # An enrolled device sends nothing after a restart.
-    daemon = start_daemon(sandbox.args(base_url=server.url))
+    daemon = start_daemon(sandbox.args(*extra, base_url=server.url, **device))
     daemon.wait_for_message("current enrolled status: true")
     time.sleep(2.5)
-    assert len(server.requests) == 3
-    assert status(sandbox) == first
+    assert len(server.requests) == 3 and status(sandbox) == first
     daemon.stop()
 
     # A new base URL forces a new enrollment with the new server.
-    daemon = enroll(sandbox, start_daemon, second_server)
+    daemon = start_daemon(sandbox.args(*extra, base_url=second_server.url, **device))
+    daemon.wait_for_message(DONE, timeout=15)
     assert daemon.has_message(f"the enroll base URL has changed (was '{server.url}'), "
                               "forcing re-enrollment")
     assert len(server.requests) == 3 and len(second_server.requests) == 3
     state = status(sandbox)
-    assert state["enrolled"] is True and state["lastEnrollBaseURL"] == second_server.url
-    assert state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
-    assert "forcedEnrollTStamp" in state
+    assert state["enrolled"] is True and state["lastEnrolledTStamp"] >= first["lastEnrolledTStamp"]
+    assert state["lastEnrollBaseURL"] == second_server.url and "forcedEnrollTStamp" in state
     service = json.loads((sandbox.services_dir / "aws-iot" / "service.json").read_text())
     assert service == second_server.sent_services[-1]["aws-iot"]
 
@@ -138,13 +105,9 @@ CHANGED = "service configuration cannot be stored as received: "
 ])
 def test_unsaved_service_is_acknowledged_as_error(sandbox, start_daemon, server, fault,
                                                   warning, message):
-    services_dir = sandbox.services_dir
-    if fault == "bad-cert":
-        server.bad_certificate = True
-    elif fault == "no-services-dir":
-        services_dir = sandbox.root / "missing"
-    else:
-        server.service_members = fault
+    services_dir = sandbox.root / "missing" if fault == "no-services-dir" else sandbox.services_dir
+    server.bad_certificate = fault == "bad-cert"
+    server.service_members = fault if fault.startswith('"') else None
     daemon = start_daemon(sandbox.args("--retry=0", "--debug", f"--services-dir={services_dir}",
                                        base_url=server.url))
     server.wait_for_request("/acknowledge")
@@ -153,8 +116,7 @@ def test_unsaved_service_is_acknowledged_as_error(sandbox, start_daemon, server,
     ack = server.requests[-1].json["acknowledgedServices"]["aws-iot"]
     assert ack["status"] == "error" and ack["message"].startswith(message)
     assert not (services_dir / "aws-iot").exists()
-    assert not daemon.has_message(DONE)
-    assert status(sandbox)["enrolled"] is False
+    assert not daemon.has_message(DONE) and status(sandbox)["enrolled"] is False
 
 
 def test_unreadable_key_and_trailing_slashes_of_base_url(sandbox, start_daemon, server):
@@ -175,12 +137,19 @@ def test_unreadable_key_and_trailing_slashes_of_base_url(sandbox, start_daemon, 
     (410, "CallbackDataExpiredException", 0, (0.0, 0.7)),
     (410, "CallbackDataExpiredException", 3, (2.7, 4.3)),
     (400, "InvalidCSRException", 0, None)], ids=["expired", "expired-spaced", "other"])
-def test_expired_callback_data_restarts_after_the_spacing(sandbox, start_daemon, server, http,
-                                                          code, retry, gap):
+def test_initiate_body_and_expired_callback_data_restart_after_the_spacing(
+        sandbox, start_daemon, server, http, code, retry, gap):
     server.inject("/CSRVerify", Fault.error(http, code))
-    daemon = start_daemon(sandbox.args(f"--retry={retry}", base_url=server.url))
+    daemon = start_daemon(sandbox.args(f"--retry={retry}", "--force-new-cert",
+                                       "--protocol=noauth-csr", "--protocol=noauth-csr", fwver="",
+                                       base_url=server.url))
     daemon.wait_for_log(rf"request failed with status code: {http}, code: {code}, server "
                         r"time: \S+, msg: ")
+    # No alternative serials, an empty firmware version, the protocols as given (duplicates
+    # kept) and no public key with --force-new-cert.
+    assert server.requests[0].json == {
+        "device": {"serial": "SN-TEST-1", "model": "MP-100", "brand": "Acme"},
+        "enrollmentProtocols": ["noauth-csr", "noauth-csr"], "enrollService": "aws-iot"}
     if gap is None:
         time.sleep(1.5)
         assert [r.path for r in server.requests] == ["/enroll/initiate", "/enroll/CSRVerify"]
